@@ -1,0 +1,43 @@
+// kx_global: the process framework. One event loop per process, reached through
+// an opaque handle that every store call, the debug shell and every callback take.
+#ifndef KX_GLOBAL_H
+#define KX_GLOBAL_H
+
+#include <cstdint>
+
+typedef struct kx_global kx_global_t;
+
+// A monotonic time stamp: seconds, then microseconds, of CLOCK_MONOTONIC.
+typedef struct kx_timestamp {
+    uint32_t sec;
+    uint32_t usec;
+} kx_timestamp_t;
+
+// Creates the event loop and returns the handle; returns `global` unchanged when
+// it is already a live handle, and nullptr when the loop cannot be created.
+kx_global_t *kx_global_init(const char *module, kx_global_t *global);
+
+// Runs the loop until SIGTERM or SIGINT (or kx_global_stop). Returns 0.
+int32_t kx_global_run(kx_global_t *global);
+
+// Makes kx_global_run return after the callback now running.
+void kx_global_stop(kx_global_t *global);
+
+// Closes every store connection and the debug shell and frees the handle.
+void kx_global_finish(kx_global_t *global);
+
+// Takes an exclusive lock on <KX_ROOT>/var/run/<program>.pid and writes the pid
+// there. 0 when this is the only instance, otherwise a non-zero code.
+int32_t kx_initframe_duplicate_check(void);
+
+// There is no process manager to tell: the request is recorded and 0 returned.
+int32_t reg_process_exit_action(int32_t action, int32_t reason);
+
+// Fills `ts` from CLOCK_MONOTONIC. Returns 0, or -1 when `ts` is null.
+int32_t kx_monotime(kx_timestamp_t *ts);
+
+// KX_ROOT followed by `path` (an absolute path); `path` alone when KX_ROOT is unset.
+// The result lives in thread-local storage until the next call on this thread.
+const char *kx_root_path(const char *path);
+
+#endif

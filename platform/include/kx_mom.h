@@ -1,0 +1,104 @@
+// kx_mom: the store client. Records are the generated protobuf-c messages; a key
+// message (its type names the table, its `index` selects the record) addresses them.
+//
+// Ownership: deliveries and their payloads belong to the library and live only
+// during the callback. What kx_mom_get_sync and kx_mom_hgetall_sync return belongs
+// to the caller, who frees it with kx_mom_kx_obj_free / kx_mom_hash_res_free.
+// Key messages are read during the call only.
+#ifndef KX_MOM_H
+#define KX_MOM_H
+
+#include <cstdint>
+
+#include <protobuf-c/protobuf-c.h>
+
+#include "kx_global.h"
+
+enum {
+    KX_MOM_ENOTCONN = -1001, // the database is down (or was never connected)
+    KX_MOM_EIO = -1002,      // the connection failed during the call
+    KX_MOM_EPROTO = -1003,   // stored data or a reply that does not decode
+    KX_MOM_EINVAL = -1004,   // a bad argument: null pointer, unknown db, bad field list
+    KX_MOM_ENOMEM = -1005,
+    KX_MOM_ESERVER = -1006,  // the server refused: WRONGTYPE, NOPERM, OOM...
+    KX_MOM_ECONFIG = -1007,  // bad endpoint or server configuration
+};
+
+// What a delivery reports (kx_mom_msg.cmd).
+enum {
+    KX_MOM_CMD_SET = 1,         // whole-value record written; data: the record
+    KX_MOM_CMD_DEL = 3,         // record deleted; data: a record decoded from the key
+    KX_MOM_CMD_HSET = 4,        // hash record written or delivered by a scan; data: kx_mom_hash_res
+    KX_MOM_CMD_HDEL = 6,        // fields removed, record still there; data: kx_mom_hash_res
+    KX_MOM_CMD_SUBSCRIBED = 29, // the subscription is established; data: nullptr
+};
+
+// Reconnect types handed to the reconnect callback.
+enum {
+    KX_MOM_RECONNECT_RESTARTED = 1, // a different server run: its data may be gone
+    KX_MOM_RECONNECT_SAME = 2,      // the same server run: only the connection was lost
+};
+
+typedef struct kx_mom_msg {
+    int32_t db;                           // database of the record
+    const ProtobufCMessageDescriptor *table;
+    int32_t cmd;
+    void *data;                           // see the cmd codes
+    const char *key;                      // the store key the delivery is about
+    int32_t scan_over;                    // 1 on the last delivery of kx_mom_scan
+} kx_mom_msg;
+
+typedef struct kx_mom_hash_res {
+    void *obj;          // the decoded record (a message of the table's type), or nullptr
+    int32_t *field_tag; // field numbers of the fields present, in the store's order
+    int32_t field_len;
+    int32_t db;
+    const char *key;
+    int32_t error_code; // 0, or why the read failed (then obj is nullptr)
+} kx_mom_hash_res;
+
+typedef int32_t (*kx_mom_cb)(kx_global_t *global, kx_mom_msg *pmsg, void *privdata);
+typedef int32_t (*kx_mom_disconnect_cb)(kx_global_t *global, int32_t db);
+typedef int32_t (*kx_mom_reconnect_cb)(kx_global_t *global, int32_t db, int32_t type);
+
+// Connects the command and subscriber connections of `db`, checks the server
+// (databases >= 29, keyspace notifications) and selects `db`.
+int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db);
+int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db,
+                                        kx_mom_disconnect_cb cb, uint32_t flags);
+int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db,
+                                       kx_mom_reconnect_cb cb, uint32_t flags);
+
+// Follows one record (index set) or a whole table (index at its defaults).
+// `cb` receives KX_MOM_CMD_SUBSCRIBED from the loop once the server confirms.
+int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
+                         uint32_t flags, kx_mom_cb cb, void *privdata);
+// One KX_MOM_CMD_HSET delivery per selected record, before returning.
+int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
+                         uint32_t flags, kx_mom_cb cb, void *privdata);
+// The same from the loop after returning, then one delivery with scan_over 1.
+int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
+                    uint32_t flags, kx_mom_cb cb, void *privdata);
+
+// Reads one record. A missing record gives an empty message and *error 0; a
+// non-null result is freed with kx_mom_kx_obj_free whatever *error holds.
+void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
+                      int32_t *error);
+// Reads one hash record. A missing record gives a result with no obj and
+// error_code 0; a lost connection gives nullptr.
+kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
+                                     const ProtobufCMessage *key);
+// Writes exactly the listed fields of the record its index selects.
+int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *record,
+                          const int32_t *field_tag, int32_t field_len);
+int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key);
+
+void kx_mom_hash_res_free(kx_mom_hash_res *res); // nullptr is harmless
+void kx_mom_kx_obj_free(void *obj);              // nullptr is harmless
+
+// Every table libkx knows, by full name ("s_frame.cap_dep"); nullptr when unknown.
+const ProtobufCMessageDescriptor *kx_mom_table(const char *name);
+// All of them, in a fixed order, ending with nullptr.
+const ProtobufCMessageDescriptor *const *kx_mom_tables(void);
+
+#endif

@@ -1,0 +1,58 @@
+// ssat: the debug shell. A module registers commands; an operator runs them with
+// `ssat MODULE COMMAND [ARGS]` over a Unix socket. Handlers run on the loop thread,
+// one at a time with the store callbacks, with standard output sent to the client.
+#ifndef SSAT_H
+#define SSAT_H
+
+#include <cstdint>
+#include <type_traits>
+
+#include "kx_global.h"
+
+enum {
+    SSAT_EINVAL = -2001, // bad module, command, format or handler
+    SSAT_ESOCKET = -2002, // the socket cannot be set up (or a live daemon holds it)
+    SSAT_EEXIST = -2003, // the command is registered already
+};
+
+// Arguments parsed by the registered format: "void", "%d" or "%s %d".
+typedef struct ssat_args {
+    const char *word;
+    int32_t num;
+} ssat_args;
+
+typedef void (*ssat_fn)(void);
+typedef void (*ssat_thunk)(ssat_fn fn, const ssat_args *args);
+
+// Listens on <KX_ROOT>/var/run/ssat/<module>.sock from the loop of `global`.
+int32_t ssat_lib_init(kx_global_t *global, const char *module);
+
+// The untyped registration behind ssat_reg_mod_cmd: `arity` is the number of
+// arguments `fn` takes, checked against `format`; `thunk` calls `fn` with its own type.
+int32_t ssat_reg_mod_cmd_impl(const char *module, const char *cmd, uint32_t flags,
+                              const char *format, ssat_fn fn, ssat_thunk thunk, int arity);
+
+// Registers `handler` for `cmd`. Handlers take (), (int) or (const char *, int)
+// matching the formats "void", "%d" and "%s %d"; what they return is ignored.
+template <class R, class... A>
+int32_t ssat_reg_mod_cmd(const char *module, const char *cmd, uint32_t flags,
+                         const char *format, R (*handler)(A...))
+{
+    static_assert(sizeof...(A) <= 2, "a debug command takes at most two arguments");
+    using Fn = R (*)(A...);
+    ssat_thunk thunk = [](ssat_fn fn, const ssat_args *args) {
+        Fn f = reinterpret_cast<Fn>(fn);
+        if constexpr (sizeof...(A) == 0) {
+            (void)args;
+            f();
+        } else if constexpr (sizeof...(A) == 1) {
+            f(static_cast<A...>(args->num));
+        } else {
+            f(args->word, args->num);
+        }
+    };
+    return ssat_reg_mod_cmd_impl(module, cmd, flags, format, reinterpret_cast<ssat_fn>(handler),
+                                 thunk, static_cast<int>(sizeof...(A)));
+}
+
+#endif
