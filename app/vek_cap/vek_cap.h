@@ -130,6 +130,15 @@ int32_t vek_cap_client_set_reconnect_cb(int32_t db);
 // ---- dependency registry ------------------------------------------------------------
 using vek_cap_dep_walk_cb = int (*)(vek_cap_dep_item *item, void *priv);
 
+// The registry's allocator (record, items, flag and key arrays). Tests swap it to make a
+// chosen allocation fail; the daemon leaves it at calloc/realloc/free.
+struct vek_cap_dep_alloc_t {
+    void *(*calloc_f)(size_t count, size_t size);
+    void *(*realloc_f)(void *ptr, size_t size);
+    void (*free_f)(void *ptr);
+};
+extern vek_cap_dep_alloc_t g_vek_cap_dep_alloc;
+
 int vek_cap_init_dep_hash(void);
 int vek_cap_con_dep_info(vek_cap_dep_item *item, const char *mod, uint8_t ready);
 vek_cap_dep_item *vek_cap_find_dep_hash(const vek_cap_dep_item *key);

@@ -1,0 +1,139 @@
+// Dependency readiness: one subscription per registered module to its s_frame.cap_dep
+// record in the card-local database, and the update of the module's ready byte from
+// every record received until all modules are ready.
+#include <memory>
+
+#include "vek_cap.h"
+
+static constexpr std::string_view vek_cap_unit = "app/vek_cap/vek_cap";
+
+namespace {
+
+// The key of one module's record, built afresh from the messages' initial values.
+// `module` borrows the registry item's buffer, which lives as long as the process.
+struct dep_query {
+    SFrame__CapDepIndex index = S_FRAME__CAP_DEP_INDEX__INIT;
+    SFrame__CapDep dep = S_FRAME__CAP_DEP__INIT;
+
+    explicit dep_query(vek_cap_dep_item *item)
+    {
+        index.module = item->module;
+        dep.index = &index;
+    }
+    const ProtobufCMessage *key() const { return &dep.base; }
+};
+
+struct hash_res_free {
+    void operator()(kx_mom_hash_res *res) const { kx_mom_hash_res_free(res); }
+};
+using hash_res_ptr = std::unique_ptr<kx_mom_hash_res, hash_res_free>;
+
+void stamp(vek_cap_time_t *ts) { kx_monotime(ts); }
+
+} // namespace
+
+int vek_cap_dep_validate(vek_cap_dep_item *item, void *priv)
+{
+    (void)priv;
+    if (!item) {
+        VEK_CAP_ERR("item NULL pointer, addr error!\n");
+        return -4;
+    }
+    dep_query query(item);
+    int32_t rv = kx_mom_subscribe(g_vek_cap_global, VEK_CAP_DB_HOST, query.key(), 0, vek_cap_dep_pmsg_f, item);
+    if (rv != 0) {
+        VEK_CAP_ERR("failed,rv %d", rv);
+        return rv;
+    }
+    return 0;
+}
+
+int32_t vek_cap_dep_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata)
+{
+    if (!pmsg) {
+        VEK_CAP_ERR("pmsg NULL pointer, addr error!\n");
+        return -4;
+    }
+    if (!global) {
+        VEK_CAP_ERR("global NULL pointer, addr error!\n");
+        return -4;
+    }
+
+    int32_t rv = 0;
+    switch (pmsg->cmd) {
+    case KX_MOM_CMD_HSET:
+    case KX_MOM_CMD_HDEL:
+        stamp(&g_vek_cap_recv_last_dep_mod);
+        VEK_CAP_ERR("DEP enter, %lu:%lu", static_cast<unsigned long>(g_vek_cap_recv_last_dep_mod.sec),
+                    static_cast<unsigned long>(g_vek_cap_recv_last_dep_mod.usec));
+        // The carried result belongs to the store.
+        rv = vek_cap_dep_pro(static_cast<kx_mom_hash_res *>(pmsg->data));
+        break;
+    case KX_MOM_CMD_SUBSCRIBED: {
+        if (!privdata) {
+            VEK_CAP_ERR("privdata NULL pointer, addr error!\n");
+            return -4;
+        }
+        auto *item = static_cast<vek_cap_dep_item *>(privdata);
+        stamp(&g_vek_cap_sub_last_dep_mod);
+        VEK_CAP_ERR("DEP subscribe ok, module %s %lu:%lu", item->module,
+                    static_cast<unsigned long>(g_vek_cap_sub_last_dep_mod.sec),
+                    static_cast<unsigned long>(g_vek_cap_sub_last_dep_mod.usec));
+        // A subscription reports changes only: catch up with the record as it is now.
+        dep_query query(item);
+        hash_res_ptr result(kx_mom_hgetall_sync(g_vek_cap_global, VEK_CAP_DB_HOST, query.key()));
+        rv = vek_cap_dep_pro(result.get());
+        break;
+    }
+    default:
+        VEK_CAP_INFO("pmsg->cmd %d", pmsg->cmd);
+        return 0;
+    }
+    if (rv != 0) {
+        VEK_CAP_ERR("failed,rv %d", rv);
+        return rv;
+    }
+    return 0;
+}
+
+int32_t vek_cap_dep_pro(kx_mom_hash_res *result)
+{
+    if (!result) {
+        VEK_CAP_ERR("result NULL");
+        return -21;
+    }
+    if (result->error_code != 0) {
+        VEK_CAP_ERR("result error_code %d", result->error_code);
+        return -21;
+    }
+    VEK_CAP_INFO("enter");
+    const auto *dep = static_cast<const SFrame__CapDep *>(result->obj);
+    if (!dep) {
+        VEK_CAP_WARN("dep NULL, just return");
+        return 0;
+    }
+    if (!dep->index) {
+        VEK_CAP_ERR("dep->index NULL pointer, addr error!\n");
+        return -4;
+    }
+    if (!dep->index->module) {
+        VEK_CAP_ERR("dep->index->module NULL pointer, addr error!\n");
+        return -4;
+    }
+    VEK_CAP_WARN("dep %s, ready %d", dep->index->module, dep->ready);
+
+    // Readiness latches: once every module has been seen ready, records are ignored.
+    g_vek_cap_dep_all_ready = 1;
+    vek_cap_walk_dep_hash(vek_cap_chk_ready, &g_vek_cap_dep_all_ready);
+    if (g_vek_cap_dep_all_ready) {
+        VEK_CAP_WARN("all mod is ready not need to pro");
+        VEK_CAP_INFO("leave");
+        return 0;
+    }
+
+    vek_cap_dep_item scratch;
+    vek_cap_con_dep_info(&scratch, dep->index->module, dep->ready ? 1 : 0);
+    vek_cap_insert_dep_hash(&scratch, 1);
+    vek_cap_glb_cap_db_validate(1);
+    return 0;
+}
