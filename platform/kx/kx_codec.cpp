@@ -1,1 +1,510 @@
-// placeholder
+// kx_codec: keys and values of records (see kx_codec.h for the formats).
+#include "kx_codec.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "p_dev.pb-c.h"
+#include "p_libpub.pb-c.h"
+#include "s_frame.pb-c.h"
+
+namespace kx {
+namespace {
+
+constexpr const ProtobufCMessageDescriptor *kTables[] = {
+    &p_dev__dp_lib_my_info__descriptor,
+    &p_dev__dp_lib_my_chss_info__descriptor,
+    &p_libpub__cap_state__descriptor,
+    &p_libpub__cap_table__descriptor,
+    &p_libpub__cap_subcard_state__descriptor,
+    &p_libpub__cap_subcard_table__descriptor,
+    &s_frame__cap_dep__descriptor,
+    &s_frame__cap_glb_table__descriptor,
+    &s_frame__cap_fe_ready__descriptor,
+    &s_frame__cap_del_fe_ready__descriptor,
+    &s_frame__cap_subcard_glb_table__descriptor,
+    &s_frame__cap_subcard_ready__descriptor,
+    nullptr,
+};
+
+struct MessageFree {
+    void operator()(ProtobufCMessage *msg) const { protobuf_c_message_free_unpacked(msg, nullptr); }
+};
+using MessagePtr = std::unique_ptr<ProtobufCMessage, MessageFree>;
+
+template <typename T> T &member(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f)
+{
+    return *reinterpret_cast<T *>(reinterpret_cast<char *>(const_cast<ProtobufCMessage *>(msg)) +
+                                  f->offset);
+}
+
+std::span<const ProtobufCFieldDescriptor> fields_of(const ProtobufCMessageDescriptor *desc)
+{
+    return {desc->fields, desc->n_fields};
+}
+
+// The fields of a descriptor sorted by number (protobuf-c keeps them so, but the
+// key format depends on that order, so do not rely on it silently).
+std::vector<const ProtobufCFieldDescriptor *> by_number(const ProtobufCMessageDescriptor *desc)
+{
+    std::vector<const ProtobufCFieldDescriptor *> out;
+    for (const auto &f : fields_of(desc))
+        out.push_back(&f);
+    std::sort(out.begin(), out.end(), [](auto *a, auto *b) { return a->id < b->id; });
+    return out;
+}
+
+bool is_int_kind(ProtobufCType type)
+{
+    return type == PROTOBUF_C_TYPE_INT32 || type == PROTOBUF_C_TYPE_SINT32 ||
+           type == PROTOBUF_C_TYPE_SFIXED32 || type == PROTOBUF_C_TYPE_ENUM;
+}
+
+// A plain singular field the store can hold as text.
+bool storable(const ProtobufCFieldDescriptor *f)
+{
+    return f->label == PROTOBUF_C_LABEL_NONE &&
+           (is_int_kind(f->type) || f->type == PROTOBUF_C_TYPE_BOOL ||
+            f->type == PROTOBUF_C_TYPE_STRING || f->type == PROTOBUF_C_TYPE_BYTES);
+}
+
+// Canonical decimal int32: what std::to_string writes, nothing else ("007",
+// "-0", "+1", " 1" would name the same record under a second key).
+bool parse_int32(std::string_view text, int32_t *out)
+{
+    int32_t value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size() || text.empty())
+        return false;
+    if (std::to_string(value) != text)
+        return false;
+    *out = value;
+    return true;
+}
+
+char *copy_string(std::string_view text)
+{
+    auto *s = static_cast<char *>(malloc(text.size() + 1));
+    if (!s)
+        return nullptr;
+    memcpy(s, text.data(), text.size());
+    s[text.size()] = '\0';
+    return s;
+}
+
+// Replaces a string member, freeing what the codec allocated before.
+bool set_string(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::string_view text)
+{
+    char *&slot = member<char *>(msg, f);
+    char *fresh = copy_string(text);
+    if (!fresh)
+        return false;
+    if (slot && slot != f->default_value)
+        free(slot);
+    slot = fresh;
+    return true;
+}
+
+std::string escape_key_part(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        if (c == '%')
+            out += "%25";
+        else if (c == '|')
+            out += "%7C";
+        else
+            out += c;
+    }
+    return out;
+}
+
+bool unescape_key_part(std::string_view text, std::string *out)
+{
+    out->clear();
+    for (size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (c == '\0')
+            return false;
+        if (c != '%') {
+            *out += c;
+            continue;
+        }
+        std::string_view code = text.substr(i + 1, 2);
+        if (code == "25")
+            *out += '%';
+        else if (code == "7C")
+            *out += '|';
+        else
+            return false;
+        i += 2;
+    }
+    return true;
+}
+
+std::string key_part(const ProtobufCMessage *index, const ProtobufCFieldDescriptor *f)
+{
+    if (f->type == PROTOBUF_C_TYPE_STRING) {
+        const char *s = index ? member<char *>(index, f) : nullptr;
+        return escape_key_part(s ? s : "");
+    }
+    return std::to_string(index ? member<int32_t>(index, f) : 0);
+}
+
+bool part_is_default(const ProtobufCMessage *index, const ProtobufCFieldDescriptor *f)
+{
+    if (f->type == PROTOBUF_C_TYPE_STRING) {
+        const char *s = member<char *>(index, f);
+        return !s || !*s;
+    }
+    return member<int32_t>(index, f) == 0;
+}
+
+// Shows a stored value in a message: printable bytes, others as \xNN, cut at 64.
+std::string shown(std::string_view value)
+{
+    static constexpr char hex[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned char c : value.substr(0, 64)) {
+        if (c >= 0x20 && c < 0x7f && c != '\\') {
+            out += static_cast<char>(c);
+        } else {
+            out += "\\x";
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        }
+    }
+    if (value.size() > 64)
+        out += "...";
+    return out;
+}
+
+std::string field_text(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f)
+{
+    switch (f->type) {
+    case PROTOBUF_C_TYPE_BOOL:
+        return member<protobuf_c_boolean>(msg, f) ? "true" : "false";
+    case PROTOBUF_C_TYPE_STRING: {
+        const char *s = member<char *>(msg, f);
+        return s ? s : "";
+    }
+    case PROTOBUF_C_TYPE_BYTES: {
+        const auto &b = member<ProtobufCBinaryData>(msg, f);
+        return b.len ? std::string(reinterpret_cast<const char *>(b.data), b.len) : std::string();
+    }
+    default:
+        return std::to_string(member<int32_t>(msg, f));
+    }
+}
+
+// Stores `value` into field `f` of `msg`; false when it does not fit the type.
+bool set_field(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::string_view value,
+               const char **why)
+{
+    switch (f->type) {
+    case PROTOBUF_C_TYPE_BOOL:
+        if (value == "true" || value == "1")
+            member<protobuf_c_boolean>(msg, f) = 1;
+        else if (value == "false" || value == "0")
+            member<protobuf_c_boolean>(msg, f) = 0;
+        else
+            return *why = "not a bool", false;
+        return true;
+    case PROTOBUF_C_TYPE_STRING:
+        if (value.find('\0') != std::string_view::npos)
+            return *why = "NUL byte in a string", false;
+        return set_string(msg, f, value) || (*why = "out of memory", false);
+    case PROTOBUF_C_TYPE_BYTES: {
+        auto &b = member<ProtobufCBinaryData>(msg, f);
+        if (b.data)
+            free(b.data);
+        b = {0, nullptr};
+        if (value.empty())
+            return true;
+        b.data = static_cast<uint8_t *>(malloc(value.size()));
+        if (!b.data)
+            return *why = "out of memory", false;
+        memcpy(b.data, value.data(), value.size());
+        b.len = value.size();
+        return true;
+    }
+    default: {
+        // Values are read leniently about form ("007" is 7): only keys must be canonical.
+        int32_t n = 0;
+        auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), n);
+        if (value.empty() || ec != std::errc() || end != value.data() + value.size())
+            return *why = ec == std::errc::result_out_of_range ? "int32 out of range"
+                                                                : "not an int32",
+                   false;
+        member<int32_t>(msg, f) = n;
+        return true;
+    }
+    }
+}
+
+std::string key_error(std::string_view key, const char *why)
+{
+    return "bad key '" + shown(key) + "': " + why;
+}
+
+} // namespace
+
+const ProtobufCFieldDescriptor *index_field(const ProtobufCMessageDescriptor *table)
+{
+    if (!table)
+        return nullptr;
+    const ProtobufCFieldDescriptor *f = protobuf_c_message_descriptor_get_field_by_name(table, "index");
+    if (!f || f->type != PROTOBUF_C_TYPE_MESSAGE || f->label != PROTOBUF_C_LABEL_NONE)
+        return nullptr;
+    return f;
+}
+
+bool stored_whole(const ProtobufCMessageDescriptor *table)
+{
+    return table == &p_libpub__cap_state__descriptor;
+}
+
+std::string record_key(const ProtobufCMessage *record)
+{
+    const ProtobufCMessageDescriptor *table = record->descriptor;
+    std::string key = table->name;
+    const ProtobufCFieldDescriptor *idx = index_field(table);
+    if (!idx)
+        return key;
+    const auto *index = member<ProtobufCMessage *>(record, idx);
+    for (const auto *f : by_number(static_cast<const ProtobufCMessageDescriptor *>(idx->descriptor))) {
+        key += '|';
+        key += key_part(index, f);
+    }
+    return key;
+}
+
+bool selects_table(const ProtobufCMessage *key)
+{
+    const ProtobufCFieldDescriptor *idx = index_field(key->descriptor);
+    if (!idx)
+        return true;
+    const auto *index = member<ProtobufCMessage *>(key, idx);
+    if (!index)
+        return true;
+    for (const auto &f : fields_of(index->descriptor))
+        if (!part_is_default(index, &f))
+            return false;
+    return true;
+}
+
+std::string table_glob(const ProtobufCMessageDescriptor *table)
+{
+    std::string glob;
+    for (const char *p = table->name; *p; ++p) {
+        if (strchr("*?[]\\", *p))
+            glob += '\\';
+        glob += *p;
+    }
+    if (index_field(table))
+        glob += "|*";
+    return glob;
+}
+
+const ProtobufCMessageDescriptor *table_of_key(std::string_view key)
+{
+    std::string_view name = key.substr(0, key.find('|'));
+    return kx_mom_table(std::string(name).c_str());
+}
+
+ProtobufCMessage *parse_key(const ProtobufCMessageDescriptor *table, std::string_view key,
+                            std::string *error)
+{
+    if (!table) {
+        *error = key_error(key, "unknown table");
+        return nullptr;
+    }
+    std::string_view name = table->name;
+    if (key.substr(0, name.size()) != name || (key.size() > name.size() && key[name.size()] != '|')) {
+        *error = key_error(key, "not a key of this table");
+        return nullptr;
+    }
+    MessagePtr record(new_record(table));
+    if (!record) {
+        *error = "out of memory";
+        return nullptr;
+    }
+    std::string_view rest = key.substr(name.size());
+    const ProtobufCFieldDescriptor *idx = index_field(table);
+    if (!idx) {
+        if (!rest.empty()) {
+            *error = key_error(key, "a single-record table has no index");
+            return nullptr;
+        }
+        return record.release();
+    }
+    const auto *index_desc = static_cast<const ProtobufCMessageDescriptor *>(idx->descriptor);
+    auto *index = new_record(index_desc);
+    if (!index) {
+        *error = "out of memory";
+        return nullptr;
+    }
+    member<ProtobufCMessage *>(record.get(), idx) = index;
+    std::string text;
+    for (const auto *f : by_number(index_desc)) {
+        if (rest.empty() || rest[0] != '|') {
+            *error = key_error(key, "too few index parts");
+            return nullptr;
+        }
+        rest.remove_prefix(1);
+        std::string_view part = rest.substr(0, rest.find('|'));
+        rest.remove_prefix(part.size());
+        if (f->type == PROTOBUF_C_TYPE_STRING) {
+            if (!unescape_key_part(part, &text)) {
+                *error = key_error(key, "bad escape in a string part");
+                return nullptr;
+            }
+            if (!set_string(index, f, text)) {
+                *error = "out of memory";
+                return nullptr;
+            }
+        } else if (!parse_int32(part, &member<int32_t>(index, f))) {
+            *error = key_error(key, "bad integer part");
+            return nullptr;
+        }
+    }
+    if (!rest.empty()) {
+        *error = key_error(key, "too many index parts");
+        return nullptr;
+    }
+    return record.release();
+}
+
+int32_t encode_hash(const ProtobufCMessage *record, std::span<const int32_t> field_tags,
+                    std::vector<FieldText> *out)
+{
+    out->clear();
+    if (!record)
+        return KX_MOM_EINVAL;
+    const ProtobufCFieldDescriptor *idx = index_field(record->descriptor);
+    for (int32_t tag : field_tags) {
+        const ProtobufCFieldDescriptor *f =
+            tag > 0 ? protobuf_c_message_descriptor_get_field(record->descriptor,
+                                                              static_cast<unsigned>(tag))
+                    : nullptr;
+        if (!f || f == idx || !storable(f)) {
+            out->clear();
+            return KX_MOM_EINVAL;
+        }
+        out->push_back({f->name, field_text(record, f)});
+    }
+    return 0;
+}
+
+kx_mom_hash_res *new_hash_res(int32_t db, std::string_view key, int32_t error_code)
+{
+    auto *res = static_cast<kx_mom_hash_res *>(calloc(1, sizeof(kx_mom_hash_res)));
+    if (!res)
+        return nullptr;
+    res->db = db;
+    res->key = copy_string(key);
+    res->error_code = error_code;
+    return res;
+}
+
+kx_mom_hash_res *decode_hash(int32_t db, std::string_view key,
+                             const ProtobufCMessageDescriptor *table,
+                             std::span<const FieldValue> fields, std::string *error)
+{
+    std::unique_ptr<kx_mom_hash_res, decltype(&kx_mom_hash_res_free)> res(
+        new_hash_res(db, key, KX_MOM_EPROTO), kx_mom_hash_res_free);
+    if (!res)
+        return nullptr;
+    MessagePtr obj(parse_key(table, key, error));
+    if (!obj)
+        return res.release();
+    const ProtobufCFieldDescriptor *idx = index_field(table);
+    auto *tags = static_cast<int32_t *>(malloc(sizeof(int32_t) * (fields.size() + 1)));
+    if (!tags) {
+        *error = "out of memory";
+        return res.release();
+    }
+    int32_t count = 0;
+    for (const FieldValue &fv : fields) {
+        const ProtobufCFieldDescriptor *f =
+            protobuf_c_message_descriptor_get_field_by_name(table, std::string(fv.name).c_str());
+        if (!f || f == idx || !storable(f))
+            continue;
+        const char *why = "";
+        if (!set_field(obj.get(), f, fv.value, &why)) {
+            *error = "key '" + shown(key) + "' field '" + f->name + "': " + why + " ('" +
+                     shown(fv.value) + "')";
+            free(tags);
+            return res.release();
+        }
+        tags[count++] = static_cast<int32_t>(f->id);
+    }
+    res->obj = obj.release();
+    res->field_tag = tags;
+    res->field_len = count;
+    res->error_code = 0;
+    return res.release();
+}
+
+std::string encode_whole(const ProtobufCMessage *record)
+{
+    std::string out(protobuf_c_message_get_packed_size(record), '\0');
+    protobuf_c_message_pack(record, reinterpret_cast<uint8_t *>(out.data()));
+    return out;
+}
+
+ProtobufCMessage *decode_whole(const ProtobufCMessageDescriptor *table, std::string_view key,
+                               std::string_view value, std::string *error)
+{
+    ProtobufCMessage *msg = protobuf_c_message_unpack(
+        table, nullptr, value.size(), reinterpret_cast<const uint8_t *>(value.data()));
+    if (!msg)
+        *error = "key '" + shown(key) + "': the value does not unpack as " + table->name;
+    return msg;
+}
+
+ProtobufCMessage *new_record(const ProtobufCMessageDescriptor *table)
+{
+    void *mem = malloc(table->sizeof_message);
+    if (!mem)
+        return nullptr;
+    protobuf_c_message_init(table, mem);
+    return static_cast<ProtobufCMessage *>(mem);
+}
+
+} // namespace kx
+
+void kx_mom_hash_res_free(kx_mom_hash_res *res)
+{
+    if (!res)
+        return;
+    kx_mom_kx_obj_free(res->obj);
+    free(res->field_tag);
+    free(const_cast<char *>(res->key));
+    free(res);
+}
+
+void kx_mom_kx_obj_free(void *obj)
+{
+    if (obj)
+        protobuf_c_message_free_unpacked(static_cast<ProtobufCMessage *>(obj), nullptr);
+}
+
+const ProtobufCMessageDescriptor *kx_mom_table(const char *name)
+{
+    if (!name)
+        return nullptr;
+    for (const auto *const *t = kx::kTables; *t; ++t)
+        if (strcmp((*t)->name, name) == 0)
+            return *t;
+    return nullptr;
+}
+
+const ProtobufCMessageDescriptor *const *kx_mom_tables(void)
+{
+    return kx::kTables;
+}

@@ -1,0 +1,107 @@
+// kx_codec: how records become store keys and hash fields, and back. Pure code:
+// no connection, no I/O, no logging. libkx and the unit-test store share it, so
+// both agree byte for byte on keys, values and selections.
+//
+// Keys: the table's full name, then for a table with an `index` each index field
+// in field-number order, each preceded by `|`. Integers in decimal; in strings
+// `%` is written `%25` and `|` is written `%7C`, nothing else is escaped:
+//     s_frame.cap_glb_table|16|/fe/l3/ecmp      p_libpub.cap_state
+// Values: one hash field per message field, named by the field's name, holding
+// text (int32 and enum in decimal, bool `true`/`false`, string and bytes raw).
+// The one whole-value table (p_libpub.cap_state) is its packed protobuf.
+//
+// Memory: every message the codec returns is allocated so that
+// protobuf_c_message_free_unpacked(msg, nullptr) (kx_mom_kx_obj_free) frees it;
+// every kx_mom_hash_res so that kx_mom_hash_res_free frees it.
+#ifndef KX_CODEC_H
+#define KX_CODEC_H
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <protobuf-c/protobuf-c.h>
+
+#include "kx_mom.h"
+
+namespace kx {
+
+// The `index` field of a keyed table (a sub-message), or nullptr for a
+// single-record table.
+const ProtobufCFieldDescriptor *index_field(const ProtobufCMessageDescriptor *table);
+
+// True for the tables stored as one packed value under SET (p_libpub.cap_state)
+// rather than as a hash.
+bool stored_whole(const ProtobufCMessageDescriptor *table);
+
+// The key of the one record `record` names. A null `index` pointer stands for an
+// index at its defaults: for writes and reads that is a real record (node 0).
+std::string record_key(const ProtobufCMessage *record);
+
+// True when `key` selects every record of its table: a table without index, a
+// null index pointer, or every index field at its default (0, empty string).
+bool selects_table(const ProtobufCMessage *key);
+
+// The Redis glob matching every key of `table` (the name with glob characters
+// escaped, then `|*`); for a single-record table, the escaped key itself.
+std::string table_glob(const ProtobufCMessageDescriptor *table);
+
+// The table a key belongs to, from the name before the first `|`; nullptr
+// when libkx does not know it.
+const ProtobufCMessageDescriptor *table_of_key(std::string_view key);
+
+// Parses `key` into a fresh record of `table` with only its index set (the
+// other fields at their defaults). A key of another table, a wrong number of
+// parts, a non-canonical or out-of-range integer, a bad escape or a NUL byte
+// gives nullptr and the reason in `*error`.
+ProtobufCMessage *parse_key(const ProtobufCMessageDescriptor *table, std::string_view key,
+                            std::string *error);
+
+// One hash field as written: the field's name and its text.
+struct FieldText {
+    std::string_view name; // points into the table's descriptor
+    std::string text;
+};
+
+// The hash fields for the listed field numbers of `record`, in the order given.
+// KX_MOM_EINVAL (and `*out` left empty) for a null record, a number the
+// message lacks, the index field, or a field of a kind the store cannot hold.
+int32_t encode_hash(const ProtobufCMessage *record, std::span<const int32_t> field_tags,
+                    std::vector<FieldText> *out);
+
+// One hash field as read.
+struct FieldValue {
+    std::string_view name;
+    std::string_view value;
+};
+
+// Decodes a hash read from `key` (a key of `table`) into a hash result: obj with
+// the index from the key and the fields present, field_tag their numbers in the
+// order given (unknown names, and a field named like the index, are ignored).
+// A key that does not parse or a value that does not fit its field gives
+// error_code KX_MOM_EPROTO, no obj, no field_tag, and `*error` names the key and
+// the field. Never nullptr.
+kx_mom_hash_res *decode_hash(int32_t db, std::string_view key,
+                             const ProtobufCMessageDescriptor *table,
+                             std::span<const FieldValue> fields, std::string *error);
+
+// A hash result with only db, key and error_code set (a missing record, a read
+// that failed).
+kx_mom_hash_res *new_hash_res(int32_t db, std::string_view key, int32_t error_code);
+
+// The packed value of a whole-value record.
+std::string encode_whole(const ProtobufCMessage *record);
+
+// The record of `table` packed in `value`; nullptr and `*error` when it does
+// not unpack. An empty value is a record at its defaults.
+ProtobufCMessage *decode_whole(const ProtobufCMessageDescriptor *table, std::string_view key,
+                               std::string_view value, std::string *error);
+
+// A fresh record of `table` with every field at its default.
+ProtobufCMessage *new_record(const ProtobufCMessageDescriptor *table);
+
+} // namespace kx
+
+#endif
