@@ -65,8 +65,7 @@ int32_t kx_global_run(kx_global_t *global)
 {
     if (!global || !global->base)
         return -1;
-    event_base_dispatch(global->base);
-    return 0;
+    return event_base_dispatch(global->base) < 0 ? -1 : 0;
 }
 
 void kx_global_stop(kx_global_t *global)
@@ -118,8 +117,18 @@ int32_t kx_initframe_duplicate_check(void)
     return 0;
 }
 
-int32_t reg_process_exit_action(int32_t, int32_t)
+// What was asked of the (absent) process manager, kept for a debugger or core dump.
+namespace {
+struct {
+    int32_t action = 0;
+    int32_t reason = 0;
+} g_exit_action;
+} // namespace
+
+int32_t reg_process_exit_action(int32_t action, int32_t reason)
 {
+    g_exit_action.action = action;
+    g_exit_action.reason = reason;
     return 0;
 }
 
@@ -128,7 +137,8 @@ int32_t kx_monotime(kx_timestamp_t *ts)
     if (!ts)
         return -1;
     timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0)
+        return -1;
     ts->sec = static_cast<uint32_t>(now.tv_sec);
     ts->usec = static_cast<uint32_t>(now.tv_nsec / 1000);
     return 0;
