@@ -94,12 +94,15 @@ extern vek_cap_time_t g_vek_cap_recv_last_dep_mod;
 void vek_cap_log_emit(std::string_view unit, std::string_view func, long line, int level,
                       const char *text);
 
-#define VEK_CAP_LOG(gate, level, ...)                                                  \
+#define VEK_CAP_LOG(gate, level, ...) VEK_CAP_LOG_AS(__func__, gate, level, __VA_ARGS__)
+
+// The same, naming the operation `func` explicitly (main's steps sit in vek_cap_main).
+#define VEK_CAP_LOG_AS(func, gate, level, ...)                                         \
     do {                                                                               \
         if (g_vek_cap_dbg_level >= (gate)) {                                           \
             char vek_cap_log_buf_[1024] = {};                                          \
             at_snprintf(vek_cap_log_buf_, sizeof vek_cap_log_buf_, __VA_ARGS__);       \
-            vek_cap_log_emit(vek_cap_unit, __func__, __LINE__, (level), vek_cap_log_buf_); \
+            vek_cap_log_emit(vek_cap_unit, (func), __LINE__, (level), vek_cap_log_buf_); \
         }                                                                              \
     } while (0)
 
