@@ -1,1 +1,214 @@
-int main() { return 1; }
+// ssat: runs one debug-shell command in a daemon and prints what it printed.
+//
+//   ssat MODULE COMMAND [ARGS...]
+//
+// The reply's status line ("OK <n>" or "ERR <reason>", see platform/kx/ssat.cpp) is
+// consumed here; the handler's n bytes go to standard output unchanged.
+// Exit status: 0 the command ran; 1 the daemon refused it (reason on stderr) or its
+// reply was cut short; 2 bad usage; 3 the daemon cannot be reached.
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "kx_global.h"
+
+namespace {
+
+constexpr int exit_refused = 1;
+constexpr int exit_usage = 2;
+constexpr int exit_unreachable = 3;
+constexpr int reply_timeout_ms = 30000;
+
+constexpr const char *usage_text =
+    "usage: ssat MODULE COMMAND [ARGS...]\n"
+    "Runs COMMAND in the debug shell of the daemon MODULE (e.g. ssat vek_cap dump_all)\n"
+    "and writes its output to standard output unchanged. `ssat MODULE help` lists the\n"
+    "module's commands. The socket is $KX_ROOT/var/run/ssat/MODULE.sock.\n"
+    "Exit status: 0 ran, 1 refused by the daemon, 2 bad usage, 3 daemon not reachable.\n";
+
+int usage_error(const char *why)
+{
+    fprintf(stderr, "ssat: %s\n%s", why, usage_text);
+    return exit_usage;
+}
+
+bool valid_module(std::string_view m)
+{
+    if (m.empty() || m.front() == '.' || m.size() > 64)
+        return false;
+    for (char c : m)
+        if (!isalnum(static_cast<unsigned char>(c)) && !strchr("_.-", c))
+            return false;
+    return true;
+}
+
+bool printable(std::string_view s)
+{
+    for (char c : s)
+        if (c < ' ' || c >= 0x7f)
+            return false;
+    return true;
+}
+
+bool send_all(int fd, std::string_view data)
+{
+    while (!data.empty()) {
+        ssize_t n = send(fd, data.data(), data.size(), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        data.remove_prefix(static_cast<size_t>(n));
+    }
+    return true;
+}
+
+bool write_all(int fd, std::string_view data)
+{
+    while (!data.empty()) {
+        ssize_t n = write(fd, data.data(), data.size());
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        data.remove_prefix(static_cast<size_t>(n));
+    }
+    return true;
+}
+
+// Reads what is there; 0 at the end, -1 on error or when the daemon stays silent.
+ssize_t receive(int fd, char *buf, size_t size)
+{
+    pollfd p{fd, POLLIN, 0};
+    for (;;) {
+        int r = poll(&p, 1, reply_timeout_ms);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r == 0) {
+            errno = ETIMEDOUT;
+            return -1;
+        }
+        ssize_t n = recv(fd, buf, size, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        return n;
+    }
+}
+
+int connect_daemon(const std::string &module, const std::string &path)
+{
+    sockaddr_un addr{};
+    if (path.size() >= sizeof addr.sun_path) {
+        fprintf(stderr, "ssat: socket path too long: %s\n", path.c_str());
+        return -1;
+    }
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        perror("ssat: socket");
+        return -1;
+    }
+    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0)
+        return fd;
+    int err = errno;
+    close(fd);
+    if (err == ENOENT)
+        fprintf(stderr, "%s is not running (no socket at %s)\n", module.c_str(), path.c_str());
+    else if (err == ECONNREFUSED)
+        fprintf(stderr, "%s is not running (stale socket at %s)\n", module.c_str(), path.c_str());
+    else
+        fprintf(stderr, "ssat: cannot connect to %s: %s\n", path.c_str(), strerror(err));
+    return -1;
+}
+
+// Reads the reply: the status line, then (for OK) the announced bytes to stdout.
+int relay_reply(int fd, const std::string &module)
+{
+    std::string head;
+    char buf[65536];
+    size_t eol;
+    while ((eol = head.find('\n')) == std::string::npos) {
+        ssize_t n = receive(fd, buf, sizeof buf);
+        if (n <= 0 || head.size() > 8192) {
+            fprintf(stderr, "ssat: no reply from %s%s%s\n", module.c_str(), n < 0 ? ": " : "",
+                    n < 0 ? strerror(errno) : "");
+            return exit_refused;
+        }
+        head.append(buf, static_cast<size_t>(n));
+    }
+    std::string status = head.substr(0, eol);
+    std::string body = head.substr(eol + 1);
+    if (status.rfind("ERR ", 0) == 0) {
+        fprintf(stderr, "%s\n", status.c_str() + 4);
+        return exit_refused;
+    }
+    char *end = nullptr;
+    unsigned long long expected =
+        status.rfind("OK ", 0) == 0 ? strtoull(status.c_str() + 3, &end, 10) : 0;
+    if (!end || *end != '\0' || !isdigit(static_cast<unsigned char>(status[3]))) {
+        fprintf(stderr, "ssat: unexpected reply from %s: %s\n", module.c_str(), status.c_str());
+        return exit_refused;
+    }
+    unsigned long long got = 0;
+    for (;;) {
+        if (got + body.size() > expected)
+            body.resize(expected - got); // more than announced: not the handler's
+        if (!write_all(STDOUT_FILENO, body)) {
+            perror("ssat: standard output");
+            return exit_refused;
+        }
+        got += body.size();
+        if (got == expected)
+            return 0;
+        ssize_t n = receive(fd, buf, sizeof buf);
+        if (n <= 0) {
+            fprintf(stderr, "ssat: reply from %s cut short: %llu of %llu bytes\n", module.c_str(),
+                    got, expected);
+            return exit_refused;
+        }
+        body.assign(buf, static_cast<size_t>(n));
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc >= 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
+        fputs(usage_text, stdout);
+        return 0;
+    }
+    if (argc < 3)
+        return usage_error("missing MODULE or COMMAND");
+    std::string module = argv[1];
+    if (!valid_module(module))
+        return usage_error("MODULE is a name of letters, digits, '_', '.' and '-'");
+    std::string line;
+    for (int i = 2; i < argc; ++i) {
+        if (!printable(argv[i]) || !*argv[i])
+            return usage_error("COMMAND and ARGS are non-empty printable text");
+        line += (i > 2 ? " " : "") + std::string(argv[i]);
+    }
+    line += '\n';
+
+    std::string path = kx_root_path("/var/run/ssat/");
+    path += module + ".sock";
+    int fd = connect_daemon(module, path);
+    if (fd < 0)
+        return exit_unreachable;
+    int rc = send_all(fd, line) ? relay_reply(fd, module) : exit_unreachable;
+    if (rc == exit_unreachable)
+        fprintf(stderr, "ssat: cannot send to %s: %s\n", module.c_str(), strerror(errno));
+    close(fd);
+    return rc;
+}

@@ -5,6 +5,7 @@
 #define SSAT_H
 
 #include <cstdint>
+#include <tuple>
 #include <type_traits>
 
 #include "kx_global.h"
@@ -32,23 +33,31 @@ int32_t ssat_lib_init(kx_global_t *global, const char *module);
 int32_t ssat_reg_mod_cmd_impl(const char *module, const char *cmd, uint32_t flags,
                               const char *format, ssat_fn fn, ssat_thunk thunk, int arity);
 
-// Registers `handler` for `cmd`. Handlers take (), (int) or (const char *, int)
-// matching the formats "void", "%d" and "%s %d"; what they return is ignored.
+// Registers `handler` for `cmd`. Handlers take (), (integer) or (const char *, integer)
+// matching the formats "void", "%d" and "%s %d"; what they return is ignored. The
+// handler is called through its own type, never through a cast function pointer.
 template <class R, class... A>
 int32_t ssat_reg_mod_cmd(const char *module, const char *cmd, uint32_t flags,
                          const char *format, R (*handler)(A...))
 {
     static_assert(sizeof...(A) <= 2, "a debug command takes at most two arguments");
     using Fn = R (*)(A...);
+    using Params = std::tuple<A...>;
     ssat_thunk thunk = [](ssat_fn fn, const ssat_args *args) {
         Fn f = reinterpret_cast<Fn>(fn);
         if constexpr (sizeof...(A) == 0) {
             (void)args;
             f();
         } else if constexpr (sizeof...(A) == 1) {
-            f(static_cast<A...>(args->num));
+            using Num = std::tuple_element_t<0, Params>;
+            static_assert(std::is_integral_v<Num>, "a \"%d\" handler takes an integer");
+            f(static_cast<Num>(args->num));
         } else {
-            f(args->word, args->num);
+            using Word = std::tuple_element_t<0, Params>;
+            using Num = std::tuple_element_t<1, Params>;
+            static_assert(std::is_convertible_v<const char *, Word> && std::is_integral_v<Num>,
+                          "a \"%s %d\" handler takes (const char *, integer)");
+            f(args->word, static_cast<Num>(args->num));
         }
     };
     return ssat_reg_mod_cmd_impl(module, cmd, flags, format, reinterpret_cast<ssat_fn>(handler),
