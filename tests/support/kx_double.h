@@ -59,6 +59,10 @@ struct Call {
     std::string brief() const;
 };
 
+inline void PrintTo(const Call &c, std::ostream *os)
+{
+    *os << c.brief();
+}
 const std::vector<Call> &calls();
 std::vector<Call> calls_named(std::string_view name);
 // brief() of every call whose name starts with `prefix` ("kx_mom_", "" for all).
@@ -169,6 +173,10 @@ struct LogRecord {
     // "ERROR app/vek_cap/vek_cap vek_cap_main: connect host failed, rv -1001"
     std::string brief() const;
 };
+inline void PrintTo(const LogRecord &r, std::ostream *os)
+{
+    *os << r.brief();
+}
 const std::vector<LogRecord> &logs();
 std::vector<std::string> log_briefs();
 void clear_logs();
