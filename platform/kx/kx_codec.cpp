@@ -164,25 +164,6 @@ bool part_is_default(const ProtobufCMessage *index, const ProtobufCFieldDescript
     return member<int32_t>(index, f) == 0;
 }
 
-// Shows a stored value in a message: printable bytes, others as \xNN, cut at 64.
-std::string shown(std::string_view value)
-{
-    static constexpr char hex[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : value.substr(0, 64)) {
-        if (c >= 0x20 && c < 0x7f && c != '\\') {
-            out += static_cast<char>(c);
-        } else {
-            out += "\\x";
-            out += hex[c >> 4];
-            out += hex[c & 15];
-        }
-    }
-    if (value.size() > 64)
-        out += "...";
-    return out;
-}
-
 std::string field_text(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f)
 {
     switch (f->type) {
@@ -248,10 +229,28 @@ bool set_field(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::st
 
 std::string key_error(std::string_view key, const char *why)
 {
-    return "bad key '" + shown(key) + "': " + why;
+    return "bad key '" + printable(key) + "': " + why;
 }
 
 } // namespace
+
+std::string printable(std::string_view value)
+{
+    static constexpr char hex[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned char c : value.substr(0, 64)) {
+        if (c >= 0x20 && c < 0x7f && c != '\\') {
+            out += static_cast<char>(c);
+        } else {
+            out += "\\x";
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        }
+    }
+    if (value.size() > 64)
+        out += "...";
+    return out;
+}
 
 const ProtobufCFieldDescriptor *index_field(const ProtobufCMessageDescriptor *table)
 {
@@ -436,8 +435,8 @@ kx_mom_hash_res *decode_hash(int32_t db, std::string_view key,
             continue;
         const char *why = "";
         if (!set_field(obj.get(), f, fv.value, &why)) {
-            *error = "key '" + shown(key) + "' field '" + f->name + "': " + why + " ('" +
-                     shown(fv.value) + "')";
+            *error = "key '" + printable(key) + "' field '" + f->name + "': " + why + " ('" +
+                     printable(fv.value) + "')";
             free(tags);
             return res.release();
         }
@@ -463,7 +462,7 @@ ProtobufCMessage *decode_whole(const ProtobufCMessageDescriptor *table, std::str
     ProtobufCMessage *msg = protobuf_c_message_unpack(
         table, nullptr, value.size(), reinterpret_cast<const uint8_t *>(value.data()));
     if (!msg)
-        *error = "key '" + shown(key) + "': the value does not unpack as " + table->name;
+        *error = "key '" + printable(key) + "': the value does not unpack as " + table->name;
     return msg;
 }
 

@@ -99,6 +99,10 @@ std::string encode_whole(const ProtobufCMessage *record);
 ProtobufCMessage *decode_whole(const ProtobufCMessageDescriptor *table, std::string_view key,
                                std::string_view value, std::string *error);
 
+// `text` fit for a one-line message: printable ASCII as is, other bytes and `\`
+// as \xNN, cut after 64 bytes with "...".
+std::string printable(std::string_view text);
+
 // A fresh record of `table` with every field at its default.
 ProtobufCMessage *new_record(const ProtobufCMessageDescriptor *table);
 

@@ -1,2 +1,389 @@
-#include "kx_internal.h"
-void kx::mom_release(kx_global_t *) {}
+// kx_mom operations: reads, writes, deletions and scans on the command connection.
+//
+// A scan lists the table's keys with SCAN MATCH to the end (the server may give a
+// key twice: the list is sorted and made unique), then reads them in pipelined
+// batches and delivers each record still present. Nothing is delivered while a
+// batch is being read, so callbacks are free to make any synchronous call on any
+// database, including deleting records of the table being scanned and nested scans.
+#include <algorithm>
+#include <cstdlib>
+#include <utility>
+
+#include "kx_codec.h"
+#include "kx_mom_state.h"
+
+namespace kx {
+
+namespace {
+
+constexpr const char *kScanPageSize = "1000";
+constexpr size_t kReadBatch = 256;
+
+struct MessageFree {
+    void operator()(ProtobufCMessage *m) const { kx_mom_kx_obj_free(m); }
+};
+using Message = std::unique_ptr<ProtobufCMessage, MessageFree>;
+struct ResFree {
+    void operator()(kx_mom_hash_res *r) const { kx_mom_hash_res_free(r); }
+};
+using HashRes = std::unique_ptr<kx_mom_hash_res, ResFree>;
+
+bool known_table(const ProtobufCMessage *msg)
+{
+    return msg && msg->descriptor && kx_mom_table(msg->descriptor->name) == msg->descriptor;
+}
+
+int32_t server_refused(const Database &d, const std::string &key, const redisReply *r)
+{
+    log("db %d: key '%s': the server refused: %.*s", d.db, printable(key).c_str(),
+        static_cast<int>(r->len), r->str);
+    return KX_MOM_ESERVER;
+}
+
+// Notes for the scans delivering from `d` that a record was deleted.
+void note_deleted(Database &d, const std::string &key)
+{
+    for (ScanWork *scan : d.scans)
+        scan->deleted.insert(key);
+}
+
+class DeliveringScan {
+public:
+    DeliveringScan(Database &d, ScanWork &w) : d_(d), w_(w) { d.scans.push_back(&w); }
+    ~DeliveringScan() { std::erase(d_.scans, &w_); }
+    DeliveringScan(const DeliveringScan &) = delete;
+    DeliveringScan &operator=(const DeliveringScan &) = delete;
+
+private:
+    Database &d_;
+    ScanWork &w_;
+};
+
+int32_t list_step(Database &d, ScanWork &w)
+{
+    Reply r;
+    int32_t rc = run_command(d, {"SCAN", w.cursor, "MATCH", w.glob, "COUNT", kScanPageSize}, &r);
+    if (rc != 0)
+        return rc;
+    if (r->type == REDIS_REPLY_ERROR)
+        return server_refused(d, w.glob, r.get());
+    if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
+        r->element[0]->type != REDIS_REPLY_STRING || r->element[1]->type != REDIS_REPLY_ARRAY) {
+        log("db %d: SCAN %s: unexpected reply", d.db, printable(w.glob).c_str());
+        return KX_MOM_EPROTO;
+    }
+    w.cursor.assign(r->element[0]->str, r->element[0]->len);
+    const redisReply *keys = r->element[1];
+    for (size_t i = 0; i < keys->elements; ++i)
+        if (keys->element[i]->type == REDIS_REPLY_STRING)
+            w.keys.emplace_back(keys->element[i]->str, keys->element[i]->len);
+    if (w.cursor == "0") {
+        std::sort(w.keys.begin(), w.keys.end());
+        w.keys.erase(std::unique(w.keys.begin(), w.keys.end()), w.keys.end());
+        w.listed = true;
+    }
+    return 0;
+}
+
+// Keys that do not parse are skipped with a warning: they are not records.
+bool valid_key(const Database &d, const ScanWork &w, const std::string &key)
+{
+    std::string error;
+    Message record(parse_key(w.table, key, &error));
+    if (!record)
+        log("db %d: scan skips %s", d.db, error.c_str());
+    return record != nullptr;
+}
+
+int32_t read_step(Database &d, ScanWork &w)
+{
+    std::vector<std::string> batch;
+    std::vector<Command> reads;
+    bool whole = stored_whole(w.table);
+    for (; w.next < w.keys.size() && batch.size() < kReadBatch; ++w.next)
+        if (valid_key(d, w, w.keys[w.next]))
+            batch.push_back(std::move(w.keys[w.next]));
+    for (const std::string &key : batch)
+        reads.push_back({whole ? "GET" : "HGETALL", key});
+    std::vector<Reply> replies;
+    int32_t rc = run_commands(d, reads, &replies);
+    if (rc != 0)
+        return rc;
+    w.deleted.clear();
+    DeliveringScan delivering(d, w);
+    uint64_t epoch = d.epoch;
+    for (size_t i = 0; i < batch.size(); ++i) {
+        if (d.epoch != epoch)
+            return KX_MOM_EIO;
+        const std::string &key = batch[i];
+        if (w.deleted.count(key))
+            continue;
+        if (whole) {
+            int32_t code = 0;
+            Message record(whole_from_reply(d.db, key, w.table, replies[i].get(), &code));
+            if (record)
+                deliver(w.global, w.cb, w.privdata, d.db, w.table, KX_MOM_CMD_SET, record.get(),
+                        key.c_str(), 0);
+            continue;
+        }
+        HashRes res(hash_from_reply(d.db, key, w.table, replies[i].get()));
+        if (res)
+            deliver(w.global, w.cb, w.privdata, d.db, w.table, KX_MOM_CMD_HSET, res.get(),
+                    key.c_str(), 0);
+    }
+    return d.epoch == epoch ? 0 : KX_MOM_EIO;
+}
+
+// One SCAN page while listing, then one batch of reads and their deliveries.
+// 1 while there is more to do, 0 at the end, or the error.
+int32_t scan_step(ScanWork &w)
+{
+    int32_t code = 0;
+    Database *d = up_database(w.global, w.db, &code);
+    if (!d)
+        return code;
+    int32_t rc = w.listed ? read_step(*d, w) : list_step(*d, w);
+    if (rc != 0)
+        return rc;
+    return !w.listed || w.next < w.keys.size() ? 1 : 0;
+}
+
+int32_t start_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key, kx_mom_cb cb,
+                   void *privdata, ScanWork *w)
+{
+    int32_t code = 0;
+    if (!known_table(key) || !cb)
+        return KX_MOM_EINVAL;
+    if (!up_database(global, db, &code))
+        return code;
+    w->global = global;
+    w->db = db;
+    w->table = key->descriptor;
+    w->cb = cb;
+    w->privdata = privdata;
+    if (selects_table(key) && index_field(key->descriptor)) {
+        w->glob = table_glob(key->descriptor);
+    } else {
+        w->glob = record_key(key);
+        w->keys.push_back(w->glob);
+        w->listed = true;
+    }
+    return 0;
+}
+
+void on_async_turn(evutil_socket_t, short, void *arg)
+{
+    auto *scan = static_cast<AsyncScan *>(arg);
+    ScanWork &w = scan->work;
+    int32_t rc = scan_step(w);
+    if (rc == 1) {
+        timeval now{0, 0};
+        evtimer_add(scan->turn.get(), &now);
+        return;
+    }
+    if (rc < 0)
+        log("db %d: scan of %s ended early: %d", w.db, printable(w.glob).c_str(), rc);
+    deliver(w.global, w.cb, w.privdata, w.db, w.table, 0, nullptr, w.glob.c_str(), 1);
+    auto &scans = w.global->mom->async_scans;
+    scans.remove_if([scan](const auto &s) { return s.get() == scan; });
+}
+
+// Common checks of the one-record calls: the database is up and the key names a
+// record of a known table.
+Database *record_call(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
+                      int32_t *code)
+{
+    if (!known_table(key)) {
+        *code = KX_MOM_EINVAL;
+        return nullptr;
+    }
+    return up_database(global, db, code);
+}
+
+} // namespace
+
+void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
+             const ProtobufCMessageDescriptor *table, int32_t cmd, void *data, const char *key,
+             int32_t scan_over)
+{
+    kx_mom_msg msg{db, table, cmd, data, key, scan_over};
+    int32_t rc = cb(global, &msg, privdata);
+    if (rc < 0)
+        log("db %d: key '%s': callback returned %d for cmd %d", db, printable(key).c_str(), rc,
+            cmd);
+}
+
+kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
+                                 const ProtobufCMessageDescriptor *table, const redisReply *r)
+{
+    if (r->type == REDIS_REPLY_ERROR) {
+        log("db %d: key '%s': the server refused: %.*s", db, printable(key).c_str(),
+            static_cast<int>(r->len), r->str);
+        return new_hash_res(db, key, KX_MOM_ESERVER);
+    }
+    if (r->type != REDIS_REPLY_ARRAY || r->elements % 2 != 0) {
+        log("db %d: key '%s': HGETALL gave an unexpected reply", db, printable(key).c_str());
+        return new_hash_res(db, key, KX_MOM_EPROTO);
+    }
+    if (r->elements == 0)
+        return nullptr;
+    std::vector<FieldValue> fields;
+    for (size_t i = 0; i + 1 < r->elements; i += 2) {
+        const redisReply *name = r->element[i];
+        const redisReply *value = r->element[i + 1];
+        fields.push_back({{name->str, name->len}, {value->str, value->len}});
+    }
+    std::string error;
+    kx_mom_hash_res *res = decode_hash(db, key, table, fields, &error);
+    if (res && res->error_code != 0)
+        log("db %d: %s", db, error.c_str());
+    return res;
+}
+
+ProtobufCMessage *whole_from_reply(int32_t db, const std::string &key,
+                                   const ProtobufCMessageDescriptor *table, const redisReply *r,
+                                   int32_t *code)
+{
+    *code = 0;
+    if (r->type == REDIS_REPLY_NIL)
+        return nullptr;
+    if (r->type == REDIS_REPLY_ERROR) {
+        log("db %d: key '%s': the server refused: %.*s", db, printable(key).c_str(),
+            static_cast<int>(r->len), r->str);
+        *code = KX_MOM_ESERVER;
+        return nullptr;
+    }
+    std::string error = "key '" + printable(key) + "': GET gave an unexpected reply";
+    ProtobufCMessage *record = r->type == REDIS_REPLY_STRING
+                                   ? decode_whole(table, key, {r->str, r->len}, &error)
+                                   : nullptr;
+    if (!record) {
+        log("db %d: %s", db, error.c_str());
+        *code = KX_MOM_EPROTO;
+    }
+    return record;
+}
+
+} // namespace kx
+
+kx::mom_state::~mom_state()
+{
+    // Scans first: their events must go before the loop does.
+    async_scans.clear();
+    dbs.clear();
+}
+
+int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
+                         kx_mom_cb cb, void *privdata)
+{
+    kx::ScanWork w;
+    int32_t rc = kx::start_scan(global, db, key, cb, privdata, &w);
+    while (rc == 0 && (rc = kx::scan_step(w)) == 1)
+        rc = 0;
+    return rc;
+}
+
+int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
+                    kx_mom_cb cb, void *privdata)
+{
+    auto scan = std::make_unique<kx::AsyncScan>();
+    int32_t rc = kx::start_scan(global, db, key, cb, privdata, &scan->work);
+    if (rc != 0)
+        return rc;
+    scan->turn.reset(evtimer_new(global->base, kx::on_async_turn, scan.get()));
+    timeval now{0, 0};
+    if (!scan->turn || evtimer_add(scan->turn.get(), &now) != 0)
+        return KX_MOM_ENOMEM;
+    global->mom->async_scans.push_back(std::move(scan));
+    return 0;
+}
+
+void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
+                      int32_t *error)
+{
+    int32_t ignored = 0;
+    int32_t &code = error ? *error : ignored;
+    kx::Database *d = kx::record_call(global, db, key, &code);
+    if (!d)
+        return nullptr;
+    std::string k = kx::record_key(key);
+    bool whole = kx::stored_whole(key->descriptor);
+    kx::Reply r;
+    code = kx::run_command(*d, {whole ? "GET" : "HGETALL", k}, &r);
+    if (code != 0)
+        return nullptr;
+    if (whole) {
+        ProtobufCMessage *record = kx::whole_from_reply(db, k, key->descriptor, r.get(), &code);
+        return record || code != 0 ? record : kx::new_record(key->descriptor);
+    }
+    kx::HashRes res(kx::hash_from_reply(db, k, key->descriptor, r.get()));
+    if (!res)
+        return kx::new_record(key->descriptor);
+    code = res->error_code;
+    return std::exchange(res->obj, nullptr);
+}
+
+kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
+                                     const ProtobufCMessage *key)
+{
+    int32_t code = 0;
+    kx::Database *d = kx::record_call(global, db, key, &code);
+    if (!d)
+        return nullptr;
+    std::string k = kx::record_key(key);
+    kx::Reply r;
+    if (kx::run_command(*d, {"HGETALL", k}, &r) != 0)
+        return nullptr;
+    kx_mom_hash_res *res = kx::hash_from_reply(db, k, key->descriptor, r.get());
+    return res ? res : kx::new_hash_res(db, k, 0);
+}
+
+int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *record,
+                          const int32_t *field_tag, int32_t field_len)
+{
+    if (!kx::known_table(record) || field_len < 0 || (field_len > 0 && !field_tag))
+        return KX_MOM_EINVAL;
+    std::vector<kx::FieldText> fields;
+    int32_t rc = kx::encode_hash(record, {field_tag, static_cast<size_t>(field_len)}, &fields);
+    if (rc != 0)
+        return rc;
+    kx::Database *d = kx::up_database(global, db, &rc);
+    if (!d)
+        return rc;
+    std::string key = kx::record_key(record);
+    std::string packed;
+    kx::Command cmd;
+    if (kx::stored_whole(record->descriptor)) {
+        packed = kx::encode_whole(record); // the record is one value: all of it is written
+        cmd = {"SET", key, packed};
+    } else {
+        if (fields.empty())
+            return 0;
+        cmd = {"HSET", key};
+        for (const auto &f : fields) {
+            cmd.push_back(f.name);
+            cmd.push_back(f.text);
+        }
+    }
+    kx::Reply r;
+    rc = kx::run_command(*d, cmd, &r);
+    if (rc == 0 && r->type == REDIS_REPLY_ERROR)
+        rc = kx::server_refused(*d, key, r.get());
+    return rc;
+}
+
+int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
+{
+    int32_t rc = 0;
+    kx::Database *d = kx::record_call(global, db, key, &rc);
+    if (!d)
+        return rc;
+    std::string k = kx::record_key(key);
+    kx::Reply r;
+    rc = kx::run_command(*d, {"DEL", k}, &r);
+    if (rc == 0 && r->type == REDIS_REPLY_ERROR)
+        rc = kx::server_refused(*d, k, r.get());
+    if (rc == 0)
+        kx::note_deleted(*d, k);
+    return rc;
+}

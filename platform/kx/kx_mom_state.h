@@ -1,0 +1,158 @@
+// kx_mom behind the handle: per database its two connections, its subscription
+// routes and the scans reading from it. Shared by kx_mom.cpp (the operations),
+// kx_mom_conn.cpp (connections, failure and reconnect) and kx_mom_sub.cpp
+// (subscriptions and notifications).
+#ifndef KX_MOM_STATE_H
+#define KX_MOM_STATE_H
+
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include <event2/event.h>
+#include <hiredis/hiredis.h>
+
+#include "kx_internal.h"
+#include "kx_mom.h"
+
+namespace kx {
+
+struct ReplyFree {
+    void operator()(redisReply *r) const { freeReplyObject(r); }
+};
+using Reply = std::unique_ptr<redisReply, ReplyFree>;
+struct ContextFree {
+    void operator()(redisContext *c) const { redisFree(c); }
+};
+using Context = std::unique_ptr<redisContext, ContextFree>;
+struct EventFree {
+    void operator()(event *e) const { event_free(e); }
+};
+using Event = std::unique_ptr<event, EventFree>;
+
+// One line on stderr, "kx_mom: " first: the log sink belongs to the daemon.
+void log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Where a database lives (KX_MOM_ADDR_<db>, else KX_MOM_ADDR, else the default).
+struct Endpoint {
+    bool unix_socket = false;
+    std::string where; // socket path or host
+    int port = 0;
+    std::string text;  // as configured, for messages
+};
+
+// One callback following one record (SUBSCRIBE) or one table (PSUBSCRIBE).
+struct Route {
+    const ProtobufCMessageDescriptor *table;
+    std::string channel; // channel or pattern, as sent to the server
+    bool pattern;
+    std::string key;     // the record key or table glob, handed to the callback
+    kx_mom_cb cb;
+    void *privdata;
+};
+
+// A scan delivering records now; deletions made meanwhile through kx_mom_del_sync
+// on its database are noted so that a record already read is not delivered after
+// a callback deleted it.
+struct ScanWork {
+    kx_global *global = nullptr;
+    int32_t db = 0;
+    const ProtobufCMessageDescriptor *table = nullptr;
+    std::string glob;           // what the listing matches, or the one key
+    bool listed = false;        // true once `keys` is complete
+    std::string cursor = "0";
+    std::vector<std::string> keys;
+    size_t next = 0;            // first key not yet read
+    kx_mom_cb cb = nullptr;
+    void *privdata = nullptr;
+    std::unordered_set<std::string> deleted;
+};
+
+enum class Link { never, up, down };
+
+struct Database {
+    kx_global *global = nullptr;
+    int32_t db = 0;
+    Endpoint endpoint;
+    Link link = Link::never;
+    uint64_t epoch = 0;       // changes whenever the connections are made or dropped
+    Context cmd;              // synchronous commands
+    Context sub;              // subscriptions, read from the loop
+    Event cmd_watch;          // notices the command connection closing while idle
+    Event sub_read;
+    Event timer;              // the disconnect callback, then connection retries
+    bool disconnect_pending = false;
+    bool retry_logged = false;
+    int retry_ms = 0;
+    std::string run_id;
+    kx_mom_disconnect_cb on_disconnect = nullptr;
+    kx_mom_reconnect_cb on_reconnect = nullptr;
+    std::vector<std::unique_ptr<Route>> routes; // never removed before release
+    std::deque<Route *> unconfirmed;            // sent (P)SUBSCRIBEs, in order
+    std::vector<ScanWork *> scans;              // scans delivering from this db now
+};
+
+// kx_mom_scan: the same work, one step per loop turn.
+struct AsyncScan {
+    ScanWork work;
+    Event turn;
+};
+
+} // namespace kx
+
+struct kx::mom_state {
+    std::map<int32_t, std::unique_ptr<Database>> dbs;
+    std::list<std::unique_ptr<AsyncScan>> async_scans;
+    ~mom_state();
+};
+
+namespace kx {
+
+using Command = std::vector<std::string_view>;
+
+// The database entry of `db`, created on first use; nullptr for a bad handle or db.
+Database *database(kx_global *global, int32_t db);
+// The database when it is up, else nullptr with *code set (EINVAL or ENOTCONN).
+Database *up_database(kx_global *global, int32_t db, int32_t *code);
+
+// Opens both connections of `d` and checks the server; 0 or the code.
+int32_t connect_database(Database &d);
+// The database is down: drop its connections, then (from the loop) call its
+// disconnect callback and retry. Harmless when it is not up.
+void mark_down(Database &d, const char *why);
+
+// Runs `cmds` pipelined on the command connection, one reply each. An I/O
+// failure marks the database down and gives KX_MOM_EIO.
+int32_t run_commands(Database &d, std::span<const Command> cmds, std::vector<Reply> *replies);
+int32_t run_command(Database &d, const Command &cmd, Reply *reply);
+
+// Sends (P)SUBSCRIBE for `route`; its confirmation brings cmd 29 from the loop.
+int32_t send_subscribe(Database &d, Route &route);
+// After `d` came back: its routes again, then every route of every other db.
+void resubscribe_all(Database &d);
+// Reads the subscriber connection (the loop calls this when it is readable).
+void on_subscriber_readable(evutil_socket_t fd, short what, void *arg);
+
+// Hands one delivery to a callback, logging a negative result.
+void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
+             const ProtobufCMessageDescriptor *table, int32_t cmd, void *data, const char *key,
+             int32_t scan_over);
+
+// A hash result from an HGETALL reply; nullptr when the key does not exist.
+kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
+                                 const ProtobufCMessageDescriptor *table, const redisReply *r);
+// A record from a GET reply; nullptr with *code 0 when the key does not exist.
+ProtobufCMessage *whole_from_reply(int32_t db, const std::string &key,
+                                   const ProtobufCMessageDescriptor *table, const redisReply *r,
+                                   int32_t *code);
+
+} // namespace kx
+
+#endif

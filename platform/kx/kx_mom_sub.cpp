@@ -1,0 +1,249 @@
+// kx_mom subscriptions: SUBSCRIBE for one record, PSUBSCRIBE for a table, and
+// keyspace events turned into deliveries.
+//
+// The subscriber connection is a plain redisContext: the loop watches its
+// descriptor and the replies are taken from its reader as they come, so that a
+// confirmation (cmd 29) is always delivered from the loop. Notifications carry
+// only the event's name: the record is read now, on the command connection.
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "kx_codec.h"
+#include "kx_mom_state.h"
+
+namespace kx {
+namespace {
+
+enum class Action { ignore, changed, fields_removed, deleted };
+
+struct EventAction {
+    std::string_view event;
+    Action hash;  // for a table stored as hashes
+    Action whole; // for a table stored as whole values
+};
+
+constexpr EventAction kEvents[] = {
+    {"hset", Action::changed, Action::ignore},
+    {"hdel", Action::fields_removed, Action::ignore},
+    {"set", Action::ignore, Action::changed},
+    {"rename_to", Action::changed, Action::changed},
+    {"del", Action::deleted, Action::deleted},
+    {"expired", Action::deleted, Action::deleted},
+    {"evicted", Action::deleted, Action::deleted},
+    {"rename_from", Action::deleted, Action::deleted},
+};
+
+Action action_for(std::string_view event, const ProtobufCMessageDescriptor *table)
+{
+    for (const auto &e : kEvents)
+        if (e.event == event)
+            return stored_whole(table) ? e.whole : e.hash;
+    return Action::ignore;
+}
+
+std::string keyspace_prefix(int32_t db)
+{
+    return "__keyspace@" + std::to_string(db) + "__:";
+}
+
+std::string_view text_of(const redisReply *r)
+{
+    return r && (r->type == REDIS_REPLY_STRING || r->type == REDIS_REPLY_STATUS)
+               ? std::string_view(r->str, r->len)
+               : std::string_view();
+}
+
+void confirm(Database &d, std::string_view channel, bool pattern)
+{
+    auto it = std::find_if(d.unconfirmed.begin(), d.unconfirmed.end(), [&](const Route *r) {
+        return r->pattern == pattern && r->channel == channel;
+    });
+    if (it == d.unconfirmed.end())
+        return;
+    Route *route = *it;
+    d.unconfirmed.erase(it);
+    deliver(d.global, route->cb, route->privdata, d.db, route->table, KX_MOM_CMD_SUBSCRIBED,
+            nullptr, route->key.c_str(), 0);
+}
+
+struct MessageFree {
+    void operator()(ProtobufCMessage *m) const { kx_mom_kx_obj_free(m); }
+};
+struct ResFree {
+    void operator()(kx_mom_hash_res *r) const { kx_mom_hash_res_free(r); }
+};
+
+// The payload of one event, read now; cmd 0 when there is nothing to deliver.
+struct Payload {
+    int32_t cmd = 0;
+    std::unique_ptr<ProtobufCMessage, MessageFree> record;
+    std::unique_ptr<kx_mom_hash_res, ResFree> hash;
+    void *data() const { return hash ? static_cast<void *>(hash.get()) : record.get(); }
+};
+
+Payload read_payload(Database &d, const ProtobufCMessageDescriptor *table, const std::string &key,
+                     Action action)
+{
+    Payload p;
+    std::string error;
+    std::unique_ptr<ProtobufCMessage, MessageFree> from_key(parse_key(table, key, &error));
+    if (!from_key) {
+        log("db %d: notification skipped: %s", d.db, error.c_str());
+        return p;
+    }
+    if (action == Action::deleted) {
+        p.cmd = KX_MOM_CMD_DEL;
+        p.record = std::move(from_key);
+        return p;
+    }
+    Reply r;
+    if (run_command(d, {stored_whole(table) ? "GET" : "HGETALL", key}, &r) != 0)
+        return p;
+    if (stored_whole(table)) {
+        int32_t code = 0;
+        p.record.reset(whole_from_reply(d.db, key, table, r.get(), &code));
+        if (p.record)
+            p.cmd = KX_MOM_CMD_SET;
+        return p;
+    }
+    p.hash.reset(hash_from_reply(d.db, key, table, r.get()));
+    if (p.hash)
+        p.cmd = action == Action::changed ? KX_MOM_CMD_HSET : KX_MOM_CMD_HDEL;
+    return p;
+}
+
+void dispatch(Database &d, std::string_view channel, const redisReply *pattern,
+              std::string_view event)
+{
+    std::string prefix = keyspace_prefix(d.db);
+    if (!channel.starts_with(prefix))
+        return;
+    std::vector<Route *> routes;
+    for (const auto &r : d.routes) {
+        bool match = pattern ? r->pattern && r->channel == text_of(pattern)
+                             : !r->pattern && r->channel == channel;
+        if (match)
+            routes.push_back(r.get());
+    }
+    if (routes.empty())
+        return;
+    const ProtobufCMessageDescriptor *table = routes[0]->table;
+    Action action = action_for(event, table);
+    if (action == Action::ignore)
+        return;
+    std::string key(channel.substr(prefix.size()));
+    uint64_t epoch = d.epoch;
+    Payload p = read_payload(d, table, key, action);
+    for (Route *route : routes) {
+        if (p.cmd == 0 || d.epoch != epoch)
+            return;
+        deliver(d.global, route->cb, route->privdata, d.db, table, p.cmd, p.data(), key.c_str(), 0);
+    }
+}
+
+// One reply of the subscriber connection: a confirmation or a notification.
+void handle_push(Database &d, const redisReply *r)
+{
+    if (r->type != REDIS_REPLY_ARRAY || r->elements < 3)
+        return;
+    std::string_view kind = text_of(r->element[0]);
+    if (kind == "subscribe" || kind == "psubscribe")
+        confirm(d, text_of(r->element[1]), kind == "psubscribe");
+    else if (kind == "message")
+        dispatch(d, text_of(r->element[1]), nullptr, text_of(r->element[2]));
+    else if (kind == "pmessage" && r->elements == 4)
+        dispatch(d, text_of(r->element[2]), r->element[1], text_of(r->element[3]));
+}
+
+} // namespace
+
+void on_subscriber_readable(evutil_socket_t, short, void *arg)
+{
+    auto &d = *static_cast<Database *>(arg);
+    uint64_t epoch = d.epoch;
+    redisContext *c = d.sub.get();
+    if (redisBufferRead(c) != REDIS_OK) {
+        mark_down(d, c->err == REDIS_ERR_EOF ? "subscriber connection closed by the server"
+                                             : c->errstr);
+        return;
+    }
+    for (;;) {
+        void *r = nullptr;
+        if (redisGetReplyFromReader(c, &r) != REDIS_OK) {
+            mark_down(d, c->errstr);
+            return;
+        }
+        if (!r)
+            return;
+        Reply reply(static_cast<redisReply *>(r));
+        handle_push(d, reply.get());
+        // A callback may have lost the connection: `c` is gone with it.
+        if (d.epoch != epoch)
+            return;
+    }
+}
+
+int32_t send_subscribe(Database &d, Route &route)
+{
+    if (d.link != Link::up)
+        return KX_MOM_ENOTCONN;
+    redisContext *c = d.sub.get();
+    const char *argv[] = {route.pattern ? "PSUBSCRIBE" : "SUBSCRIBE", route.channel.data()};
+    const size_t lens[] = {strlen(argv[0]), route.channel.size()};
+    int done = 0;
+    if (redisAppendCommandArgv(c, 2, argv, lens) != REDIS_OK) {
+        mark_down(d, "out of memory");
+        return KX_MOM_ENOMEM;
+    }
+    while (!done) {
+        if (redisBufferWrite(c, &done) != REDIS_OK) {
+            mark_down(d, c->errstr);
+            return KX_MOM_EIO;
+        }
+    }
+    d.unconfirmed.push_back(&route);
+    return 0;
+}
+
+void resubscribe_all(Database &d)
+{
+    // Restore what this database followed, then have every subscription of every
+    // database confirmed again: the callbacks' catch-up reads run anew and find
+    // what changed, and what could not be written while a database was away.
+    std::vector<Database *> order{&d};
+    for (auto &[db, other] : d.global->mom->dbs)
+        if (other.get() != &d)
+            order.push_back(other.get());
+    for (Database *db : order) {
+        for (size_t i = 0; i < db->routes.size() && db->link == Link::up; ++i)
+            send_subscribe(*db, *db->routes[i]);
+    }
+}
+
+} // namespace kx
+
+int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
+                         kx_mom_cb cb, void *privdata)
+{
+    int32_t code = 0;
+    if (!key || !cb || kx_mom_table(key->descriptor->name) != key->descriptor)
+        return KX_MOM_EINVAL;
+    kx::Database *d = kx::up_database(global, db, &code);
+    if (!d)
+        return code;
+    // A single-record table has one key: it is followed like one record.
+    bool pattern = kx::selects_table(key) && kx::index_field(key->descriptor);
+    std::string record = pattern ? kx::table_glob(key->descriptor) : kx::record_key(key);
+    std::string channel = kx::keyspace_prefix(db) + record;
+    for (const auto &r : d->routes)
+        if (r->channel == channel && r->pattern == pattern && r->cb == cb &&
+            r->privdata == privdata)
+            return kx::send_subscribe(*d, *r);
+    d->routes.push_back(std::make_unique<kx::Route>(
+        kx::Route{key->descriptor, channel, pattern, record, cb, privdata}));
+    int32_t rc = kx::send_subscribe(*d, *d->routes.back());
+    if (rc != 0)
+        d->routes.pop_back();
+    return rc;
+}
