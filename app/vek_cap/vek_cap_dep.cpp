@@ -1,8 +1,6 @@
 // Dependency readiness: one subscription per registered module to its s_frame.cap_dep
 // record in the card-local database, and the update of the module's ready byte from
 // every record received until all modules are ready.
-#include <memory>
-
 #include "vek_cap.h"
 
 static constexpr std::string_view vek_cap_unit = "app/vek_cap/vek_cap";
@@ -22,11 +20,6 @@ struct dep_query {
     }
     const ProtobufCMessage *key() const { return &dep.base; }
 };
-
-struct hash_res_free {
-    void operator()(kx_mom_hash_res *res) const { kx_mom_hash_res_free(res); }
-};
-using hash_res_ptr = std::unique_ptr<kx_mom_hash_res, hash_res_free>;
 
 void stamp(vek_cap_time_t *ts) { kx_monotime(ts); }
 
@@ -80,9 +73,11 @@ int32_t vek_cap_dep_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata
                     static_cast<unsigned long>(g_vek_cap_sub_last_dep_mod.sec),
                     static_cast<unsigned long>(g_vek_cap_sub_last_dep_mod.usec));
         // A subscription reports changes only: catch up with the record as it is now.
+        // The release is unconditional: kx_mom_hash_res_free also takes an empty result.
         dep_query query(item);
-        hash_res_ptr result(kx_mom_hgetall_sync(g_vek_cap_global, VEK_CAP_DB_HOST, query.key()));
-        rv = vek_cap_dep_pro(result.get());
+        kx_mom_hash_res *result = kx_mom_hgetall_sync(g_vek_cap_global, VEK_CAP_DB_HOST, query.key());
+        rv = vek_cap_dep_pro(result);
+        kx_mom_hash_res_free(result);
         break;
     }
     default:
