@@ -52,9 +52,12 @@ struct Level {
 };
 
 constexpr Level levels[] = {
-    {KX_ZLOG_LEVEL_DEBUG, "DEBUG", LOG_DEBUG},   {KX_ZLOG_LEVEL_INFO, "INFO", LOG_INFO},
-    {KX_ZLOG_LEVEL_NOTICE, "NOTICE", LOG_NOTICE}, {KX_ZLOG_LEVEL_WARN, "WARN", LOG_WARNING},
-    {KX_ZLOG_LEVEL_ERROR, "ERROR", LOG_ERR},     {KX_ZLOG_LEVEL_FATAL, "FATAL", LOG_CRIT},
+    {KX_ZLOG_LEVEL_DEBUG, "DEBUG", LOG_DEBUG},
+    {KX_ZLOG_LEVEL_INFO, "INFO", LOG_INFO},
+    {KX_ZLOG_LEVEL_NOTICE, "NOTICE", LOG_NOTICE},
+    {KX_ZLOG_LEVEL_WARN, "WARN", LOG_WARNING},
+    {KX_ZLOG_LEVEL_ERROR, "ERROR", LOG_ERR},
+    {KX_ZLOG_LEVEL_FATAL, "FATAL", LOG_CRIT},
 };
 
 // zlog's own level numbers run from 1 to 253 (0 and 254..255 are reserved).
@@ -99,7 +102,8 @@ std::string_view trim(std::string_view s)
 std::optional<int> parse_level(std::string_view text)
 {
     for (const auto &l : levels)
-        if (text.size() == l.name.size() && strncasecmp(text.data(), l.name.data(), text.size()) == 0)
+        if (text.size() == l.name.size() &&
+            strncasecmp(text.data(), l.name.data(), text.size()) == 0)
             return l.number;
     int number = 0;
     auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), number);

@@ -83,8 +83,9 @@ bool valid_module(const char *module)
 {
     if (!module || !*module || *module == '.' || strlen(module) > max_name)
         return false;
-    return std::all_of(module, module + strlen(module),
-                       [](char c) { return isalnum(static_cast<unsigned char>(c)) || strchr("_.-", c); });
+    return std::all_of(module, module + strlen(module), [](char c) {
+        return isalnum(static_cast<unsigned char>(c)) || strchr("_.-", c);
+    });
 }
 
 bool valid_command(const char *cmd)
@@ -159,8 +160,8 @@ std::optional<int32_t> parse_int32(std::string_view text)
     bool plus = !text.empty() && text.front() == '+';
     if (plus)
         text.remove_prefix(1);
-    if (text.empty() || !(isdigit(static_cast<unsigned char>(text.front())) ||
-                          (!plus && text.front() == '-')))
+    if (text.empty() ||
+        !(isdigit(static_cast<unsigned char>(text.front())) || (!plus && text.front() == '-')))
         return std::nullopt;
     int32_t value = 0;
     auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
