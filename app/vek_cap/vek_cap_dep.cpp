@@ -21,8 +21,6 @@ struct dep_query {
     const ProtobufCMessage *key() const { return &dep.base; }
 };
 
-void stamp(vek_cap_time_t *ts) { kx_monotime(ts); }
-
 } // namespace
 
 int vek_cap_dep_validate(vek_cap_dep_item *item, void *priv)
@@ -56,7 +54,7 @@ int32_t vek_cap_dep_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata
     switch (pmsg->cmd) {
     case KX_MOM_CMD_HSET:
     case KX_MOM_CMD_HDEL:
-        stamp(&g_vek_cap_recv_last_dep_mod);
+        kx_monotime(&g_vek_cap_recv_last_dep_mod);
         VEK_CAP_ERR("DEP enter, %lu:%lu", static_cast<unsigned long>(g_vek_cap_recv_last_dep_mod.sec),
                     static_cast<unsigned long>(g_vek_cap_recv_last_dep_mod.usec));
         // The carried result belongs to the store.
@@ -68,7 +66,7 @@ int32_t vek_cap_dep_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata
             return -4;
         }
         auto *item = static_cast<vek_cap_dep_item *>(privdata);
-        stamp(&g_vek_cap_sub_last_dep_mod);
+        kx_monotime(&g_vek_cap_sub_last_dep_mod);
         VEK_CAP_ERR("DEP subscribe ok, module %s %lu:%lu", item->module,
                     static_cast<unsigned long>(g_vek_cap_sub_last_dep_mod.sec),
                     static_cast<unsigned long>(g_vek_cap_sub_last_dep_mod.usec));

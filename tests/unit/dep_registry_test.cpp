@@ -224,11 +224,11 @@ TEST_F(DepRegistry, RandomSetsKeepEveryInvariant)
             ASSERT_EQ(h->n_buckets, cap->first) << "size " << h->size;
             ASSERT_EQ(h->upper_bound, cap->second);
             uint32_t live = 0;
-            for (uint32_t i = 0; i < h->n_buckets; ++i)
+            for (uint32_t i = 0; i < h->n_buckets; ++i) { // only live (0) or empty (2) states
                 live += bucket_live(h, i);
-            ASSERT_EQ(live, h->size);
-            for (uint32_t i = 0; i < h->n_buckets; ++i) // only live (0) or empty (2) states
                 ASSERT_NE((h->flags[i >> 4] >> ((i & 15) * 2)) & 3, 1u);
+            }
+            ASSERT_EQ(live, h->size);
             // Every stored name found in its own live bucket, and exactly size live
             // buckets: nothing lost, nothing duplicated.
             for (const auto &[key, want_ready] : model) {
