@@ -23,9 +23,7 @@
 // Exit status: 0 done; 1 the store failed, the record is missing or a record could
 // not be read; 2 bad usage, unknown table or field, bad value.
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -247,13 +245,10 @@ std::string field_text(const ProtobufCMessage *msg, const Field *f, Kind *kind =
 
 bool g_json = false;
 
-std::string plain_quote(std::string_view s)
+// `s` in double quotes with backslash escapes: \" \\ \n \r \t, and `hex` (a printf
+// format) for the other control bytes and, when `escape_high`, bytes above ASCII.
+std::string quoted(std::string_view s, const char *hex, bool escape_high)
 {
-    bool bare = !s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
-        return c > ' ' && c < 0x7f && c != '"' && c != '\\';
-    });
-    if (bare)
-        return std::string(s);
     std::string out = "\"";
     for (char c : s) {
         auto u = static_cast<unsigned char>(c);
@@ -266,9 +261,9 @@ std::string plain_quote(std::string_view s)
             out += "\\r";
         } else if (c == '\t') {
             out += "\\t";
-        } else if (u < 0x20 || u >= 0x7f) {
+        } else if (u < 0x20 || u == 0x7f || (escape_high && u > 0x7f)) {
             char buf[8];
-            snprintf(buf, sizeof buf, "\\x%02x", u);
+            snprintf(buf, sizeof buf, hex, u);
             out += buf;
         } else {
             out += c;
@@ -277,29 +272,17 @@ std::string plain_quote(std::string_view s)
     return out + "\"";
 }
 
+std::string plain_quote(std::string_view s)
+{
+    bool bare = !s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
+        return c > ' ' && c < 0x7f && c != '"' && c != '\\';
+    });
+    return bare ? std::string(s) : quoted(s, "\\x%02x", true);
+}
+
 std::string json_quote(std::string_view s, bool bytes)
 {
-    std::string out = "\"";
-    for (char c : s) {
-        auto u = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (c == '\r') {
-            out += "\\r";
-        } else if (c == '\t') {
-            out += "\\t";
-        } else if (u < 0x20 || u == 0x7f || (bytes && u >= 0x80)) {
-            char buf[8];
-            snprintf(buf, sizeof buf, "\\u%04x", u);
-            out += buf;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
+    return quoted(s, "\\u%04x", bytes);
 }
 
 std::string json_value(const ProtobufCMessage *msg, const Field *f)
@@ -486,8 +469,6 @@ int cmd_get(Session &s, Request &req)
 
 int cmd_set(Session &s, Request &req)
 {
-    if (req.value_tags.empty())
-        return fail(exit_usage, "set needs at least one field=value");
     int32_t rc = kx_mom_hmset_sync(s.global, req.db, req.record.get(), req.value_tags.data(),
                                    static_cast<int32_t>(req.value_tags.size()));
     if (rc != 0)
@@ -784,6 +765,8 @@ int run_table_command(const std::string &command, int db, const std::vector<std:
     if (one_record)
         if (auto err = require_whole_index(req))
             return fail(exit_usage, *err);
+    if (values && req.value_tags.empty())
+        return fail(exit_usage, "set needs at least one field=value");
 
     Session s;
     if (int rc = connect_db(s, req.db); rc != 0)
