@@ -62,18 +62,36 @@ typedef int32_t (*kx_mom_disconnect_cb)(kx_global_t *global, int32_t db);
 typedef int32_t (*kx_mom_reconnect_cb)(kx_global_t *global, int32_t db, int32_t type);
 
 // Connects the command and subscriber connections of `db`, checks the server
-// (databases >= 29, keyspace notifications) and selects `db`.
+// (databases >= 29, keyspace notifications) and selects `db`. The endpoint comes
+// from KX_MOM_ADDR_<db>, else KX_MOM_ADDR (unix:/path or tcp:HOST:PORT), else
+// tcp:127.0.0.1:6379; KX_MOM_USER and KX_MOM_PASSWORD authenticate. A bad value
+// or an unfit server gives KX_MOM_ECONFIG, an unreachable one KX_MOM_ENOTCONN,
+// each with one line on stderr. SIGPIPE left at its default is ignored from then
+// on. After this, libkx alone keeps the database connected (see the callbacks).
 int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db);
+// A database whose connection breaks is down: its disconnect callback runs once
+// (from the loop), its calls fail at once with KX_MOM_ENOTCONN, and libkx
+// reconnects on a timer. Then the reconnect callback gets KX_MOM_RECONNECT_SAME
+// or KX_MOM_RECONNECT_RESTARTED, the database's subscriptions are restored and
+// every subscription of every database is confirmed again with
+// KX_MOM_CMD_SUBSCRIBED. `flags` is unused: pass 0.
 int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db,
                                         kx_mom_disconnect_cb cb, uint32_t flags);
 int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db,
                                        kx_mom_reconnect_cb cb, uint32_t flags);
 
 // Follows one record (index set) or a whole table (index at its defaults).
-// `cb` receives KX_MOM_CMD_SUBSCRIBED from the loop once the server confirms.
+// `cb` receives KX_MOM_CMD_SUBSCRIBED from the loop once the server confirms,
+// also when the same db, key, cb and privdata subscribe again (no second route).
+// Changes come as the record is when read, not as it was written.
 int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                          uint32_t flags, kx_mom_cb cb, void *privdata);
-// One KX_MOM_CMD_HSET delivery per selected record, before returning.
+// One KX_MOM_CMD_HSET delivery per selected record still present, before
+// returning (KX_MOM_CMD_SET with the record for the whole-value table). A stored
+// value that does not decode comes with error_code set and no obj; a key that
+// does not parse is skipped with a line on stderr. Callbacks may make any
+// synchronous call, delete records of the scanned table, and scan again.
+// A callback's negative result is logged and changes nothing.
 int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                          uint32_t flags, kx_mom_cb cb, void *privdata);
 // The same from the loop after returning, then one delivery with scan_over 1.
@@ -88,7 +106,9 @@ void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *k
 // error_code 0; a lost connection gives nullptr.
 kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
                                      const ProtobufCMessage *key);
-// Writes exactly the listed fields of the record its index selects.
+// Writes exactly the listed fields of the record its index selects (the
+// whole-value table is written whole). KX_MOM_EINVAL, and nothing written, for
+// a number the message lacks or the index field.
 int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *record,
                           const int32_t *field_tag, int32_t field_len);
 int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key);

@@ -46,17 +46,6 @@ std::span<const ProtobufCFieldDescriptor> fields_of(const ProtobufCMessageDescri
     return {desc->fields, desc->n_fields};
 }
 
-// The fields of a descriptor sorted by number (protobuf-c keeps them so, but the
-// key format depends on that order, so do not rely on it silently).
-std::vector<const ProtobufCFieldDescriptor *> by_number(const ProtobufCMessageDescriptor *desc)
-{
-    std::vector<const ProtobufCFieldDescriptor *> out;
-    for (const auto &f : fields_of(desc))
-        out.push_back(&f);
-    std::sort(out.begin(), out.end(), [](auto *a, auto *b) { return a->id < b->id; });
-    return out;
-}
-
 bool is_int_kind(ProtobufCType type)
 {
     return type == PROTOBUF_C_TYPE_INT32 || type == PROTOBUF_C_TYPE_SINT32 ||
@@ -275,9 +264,10 @@ std::string record_key(const ProtobufCMessage *record)
     if (!idx)
         return key;
     const auto *index = member<ProtobufCMessage *>(record, idx);
-    for (const auto *f : by_number(static_cast<const ProtobufCMessageDescriptor *>(idx->descriptor))) {
+    // protobuf-c keeps a descriptor's fields in field-number order: the key's order.
+    for (const auto &f : fields_of(static_cast<const ProtobufCMessageDescriptor *>(idx->descriptor))) {
         key += '|';
-        key += key_part(index, f);
+        key += key_part(index, &f);
     }
     return key;
 }
@@ -349,7 +339,8 @@ ProtobufCMessage *parse_key(const ProtobufCMessageDescriptor *table, std::string
     }
     member<ProtobufCMessage *>(record.get(), idx) = index;
     std::string text;
-    for (const auto *f : by_number(index_desc)) {
+    for (const auto &field : fields_of(index_desc)) {
+        const ProtobufCFieldDescriptor *f = &field;
         if (rest.empty() || rest[0] != '|') {
             *error = key_error(key, "too few index parts");
             return nullptr;

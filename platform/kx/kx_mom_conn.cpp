@@ -8,6 +8,7 @@
 // Fresh ones, not redisReconnect: that would forget the timeout and the SELECT.
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <charconv>
 #include <cstdarg>
 #include <cstdio>
@@ -246,6 +247,16 @@ bool read_run_id(redisContext *c, std::string *run_id, Failure *fail)
     return true;
 }
 
+// hiredis writes with write(2): a server that closed the connection would end the
+// process with SIGPIPE instead of giving an error. The daemon ignores SIGPIPE
+// itself; a program that left it at its default gets the same.
+void ignore_sigpipe()
+{
+    struct sigaction current {};
+    if (sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL)
+        signal(SIGPIPE, SIG_IGN);
+}
+
 void arm(Database &d, int ms)
 {
     timeval tv{ms / 1000, (ms % 1000) * 1000};
@@ -468,6 +479,7 @@ int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db)
         return 0;
     if (d->link == kx::Link::down)
         return KX_MOM_ENOTCONN; // the retry timer is already at it
+    kx::ignore_sigpipe();
     return kx::connect_database(*d);
 }
 

@@ -250,8 +250,10 @@ TEST_F(StoreTest, ScanCallbacksMayDeleteNestAndWrite)
     ASSERT_EQ(kx_mom_scan_sync(g, 3, &all.base, 0, outer, &ctx), 0);
     EXPECT_EQ(ctx.outer, (std::vector<int>{1, 2, 3, 4, 6}));
     EXPECT_EQ(cli(3, {"DBSIZE"}), "0");
-    EXPECT_EQ(cli(28, {"KEYS", "s_frame.cap_subcard_glb_table|*"}),
-              "s_frame.cap_subcard_glb_table|5|/a\ns_frame.cap_subcard_glb_table|5|/b");
+    std::string left = cli(28, {"KEYS", "s_frame.cap_subcard_glb_table|*"});
+    EXPECT_TRUE(left == "s_frame.cap_subcard_glb_table|5|/a\ns_frame.cap_subcard_glb_table|5|/b" ||
+                left == "s_frame.cap_subcard_glb_table|5|/b\ns_frame.cap_subcard_glb_table|5|/a")
+        << left;
     EXPECT_EQ(cli(28, {"EXISTS", "s_frame.cap_subcard_ready|5", "s_frame.cap_subcard_ready|6"}), "1");
 }
 
