@@ -87,6 +87,13 @@ TEST_F(EventsTest, EveryEventOfAnotherWriterMapsToItsDelivery)
         std::vector<std::vector<std::string>> writes; // {"?gone", key}: wait for expiry
         Lines table, one, state;
     } cases[] = {
+        // Eviction first, while db 3 holds no other key to evict.
+        {{{"HSET", k1, "ready", "true"},
+          {"CONFIG", "SET", "maxmemory-policy", "allkeys-random"},
+          {"CONFIG", "SET", "maxmemory", "1"}, {"?gone", k1},
+          {"CONFIG", "SET", "maxmemory", "0"},
+          {"CONFIG", "SET", "maxmemory-policy", "noeviction"}},
+         {"3:3 s_frame.cap_dep|one ready=false"}, {"3:3 s_frame.cap_dep|one ready=false"}, {}},
         {{{"HSET", k1, "ready", "true"}}, {"3:4 " + one_true}, {"3:4 " + one_true}, {}},
         {{{"HSET", k1, "extra", "x"}}, {"3:4 " + one_true}, {"3:4 " + one_true}, {}},
         {{{"HDEL", k1, "extra"}}, {"3:6 " + one_true}, {"3:6 " + one_true}, {}},
@@ -153,10 +160,11 @@ TEST_F(EventsTest, KilledConnectionsGiveOneDisconnectAndFreshConfirmations)
         const char *name;
         std::vector<std::string> kill;
         std::vector<int32_t> down; // databases that go down
+        int32_t write;             // a write to db 3 at once, before the loop runs
     } cases[] = {
-        {"commands", {"CLIENT", "KILL", "TYPE", "normal"}, {3, 28}},
-        {"subscribers", {"CLIENT", "KILL", "TYPE", "pubsub"}, {3, 28}},
-        {"db 3 commands", {"CLIENT", "KILL", "ID", "?db3"}, {3}},
+        {"commands", {"CLIENT", "KILL", "TYPE", "normal"}, {3, 28}, KX_MOM_EIO},
+        {"subscribers", {"CLIENT", "KILL", "TYPE", "pubsub"}, {3, 28}, 0},
+        {"db 3 commands", {"CLIENT", "KILL", "ID", "?db3"}, {3}, KX_MOM_EIO},
     };
     follow_two_databases();
     for (const auto &c : cases) {
@@ -171,6 +179,12 @@ TEST_F(EventsTest, KilledConnectionsGiveOneDisconnectAndFreshConfirmations)
         }
         testing::internal::CaptureStderr();
         cli(0, kill);
+        Dep w("w", true);
+        const int32_t tag[] = {6};
+        EXPECT_EQ(kx_mom_hmset_sync(g, 3, w.msg(), tag, 1), c.write);
+        if (c.write != 0) { // the failed write marked the database down
+            EXPECT_EQ(kx_mom_hmset_sync(g, 3, w.msg(), tag, 1), KX_MOM_ENOTCONN);
+        }
         ASSERT_TRUE(run_until(g, [&] {
             return links.events.size() == 2 * c.down.size() && deps.count("3:29") &&
                    dels.count("28:29");
