@@ -158,12 +158,17 @@ bool open_connection(const Endpoint &ep, Context *out, Failure *fail)
     return true;
 }
 
-// The value of one setting from CONFIG GET, or nullopt with *fail set.
+// The value of one setting from CONFIG GET; false with *fail set.
 bool config_get(redisContext *c, const char *name, std::string *value, Failure *fail)
 {
     Reply r = setup_command(c, {"CONFIG", "GET", name}, fail);
     if (!r)
         return false;
+    if (r->type == REDIS_REPLY_ERROR && std::string_view(r->str, r->len).starts_with("NOAUTH")) {
+        *fail = {KX_MOM_ECONFIG, "the server needs a password: set KX_MOM_PASSWORD (and "
+                                 "KX_MOM_USER for an ACL user)"};
+        return false;
+    }
     if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
         r->element[1]->type != REDIS_REPLY_STRING) {
         *fail = {KX_MOM_ECONFIG, std::string("cannot read the server's ") + name + " (" +

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -90,7 +91,7 @@ inline std::string describe(const kx_mom_hash_res *res)
 struct Recorder {
     std::vector<std::string> seen;
     std::function<void(kx_mom_msg *)> also; // runs after recording, inside the callback
-    int32_t result = 0;
+    int32_t result = 0;                     // what the callback returns
 
     size_t count(const std::string &prefix) const
     {
@@ -122,7 +123,7 @@ struct Recorder {
 // A fresh server per test, KX_MOM_ADDR pointing at it, and a handle.
 class MomTest : public ::testing::Test {
 protected:
-    explicit MomTest(testsupport::RedisServer::Options options = {}) : server(options)
+    MomTest()
     {
         setenv("KX_MOM_ADDR", server.addr().c_str(), 1);
         for (const char *name : {"KX_MOM_ADDR_1", "KX_MOM_ADDR_3", "KX_MOM_ADDR_28",
@@ -143,38 +144,28 @@ protected:
     kx_global_t *g = nullptr;
 };
 
-// Records built on the stack, as the daemon builds them.
-struct Glb {
-    SFrame__CapGlbTableIndex index = S_FRAME__CAP_GLB_TABLE_INDEX__INIT;
-    SFrame__CapGlbTable rec = S_FRAME__CAP_GLB_TABLE__INIT;
-    std::string url;
-    Glb(int32_t node, std::string u, int32_t value = 0, bool flag = false, const char *str = "")
-        : url(std::move(u))
-    {
-        index.node = node;
-        index.url = url.data();
-        rec.index = &index;
-        rec.int32_value = value;
-        rec.bool_value = flag;
-        rec.str_value = const_cast<char *>(str);
-    }
-    Glb(const Glb &) = delete;
-    const ProtobufCMessage *msg() const { return &rec.base; }
+struct ObjFree {
+    void operator()(void *obj) const { kx_mom_kx_obj_free(obj); }
 };
+using Obj = std::unique_ptr<ProtobufCMessage, ObjFree>;
+struct ResFree {
+    void operator()(kx_mom_hash_res *res) const { kx_mom_hash_res_free(res); }
+};
+using Res = std::unique_ptr<kx_mom_hash_res, ResFree>;
 
-struct Dep {
-    SFrame__CapDepIndex index = S_FRAME__CAP_DEP_INDEX__INIT;
-    SFrame__CapDep rec = S_FRAME__CAP_DEP__INIT;
-    std::string module;
-    explicit Dep(std::string m, bool ready = false) : module(std::move(m))
-    {
-        index.module = module.data();
-        rec.index = &index;
-        rec.ready = ready;
-    }
-    Dep(const Dep &) = delete;
-    const ProtobufCMessage *msg() const { return &rec.base; }
-};
+// A record of the table its key names, index from the key, other fields at
+// their defaults (a string field set by a test must be malloc'ed: it is freed).
+inline Obj record(const std::string &key)
+{
+    std::string error;
+    Obj rec(kx::parse_key(kx::table_of_key(key), key, &error));
+    EXPECT_TRUE(rec) << error;
+    return rec;
+}
+template <typename T> T *as(const Obj &rec)
+{
+    return reinterpret_cast<T *>(rec.get());
+}
 
 } // namespace momtest
 
