@@ -30,11 +30,6 @@ constexpr const ProtobufCMessageDescriptor *kTables[] = {
     nullptr,
 };
 
-struct MessageFree {
-    void operator()(ProtobufCMessage *msg) const { protobuf_c_message_free_unpacked(msg, nullptr); }
-};
-using MessagePtr = std::unique_ptr<ProtobufCMessage, MessageFree>;
-
 template <typename T> T &member(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f)
 {
     return *reinterpret_cast<T *>(reinterpret_cast<char *>(const_cast<ProtobufCMessage *>(msg)) +
@@ -317,7 +312,7 @@ ProtobufCMessage *parse_key(const ProtobufCMessageDescriptor *table, std::string
         *error = key_error(key, "not a key of this table");
         return nullptr;
     }
-    MessagePtr record(new_record(table));
+    Message record(new_record(table));
     if (!record) {
         *error = "out of memory";
         return nullptr;
@@ -405,11 +400,10 @@ kx_mom_hash_res *decode_hash(int32_t db, std::string_view key,
                              const ProtobufCMessageDescriptor *table,
                              std::span<const FieldValue> fields, std::string *error)
 {
-    std::unique_ptr<kx_mom_hash_res, decltype(&kx_mom_hash_res_free)> res(
-        new_hash_res(db, key, KX_MOM_EPROTO), kx_mom_hash_res_free);
+    HashRes res(new_hash_res(db, key, KX_MOM_EPROTO));
     if (!res)
         return nullptr;
-    MessagePtr obj(parse_key(table, key, error));
+    Message obj(parse_key(table, key, error));
     if (!obj)
         return res.release();
     const ProtobufCFieldDescriptor *idx = index_field(table);

@@ -17,6 +17,7 @@
 #define KX_CODEC_H
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -27,6 +28,16 @@
 #include "kx_mom.h"
 
 namespace kx {
+
+// Owners of what the codec and the reads return.
+struct MessageFree {
+    void operator()(ProtobufCMessage *msg) const { kx_mom_kx_obj_free(msg); }
+};
+using Message = std::unique_ptr<ProtobufCMessage, MessageFree>;
+struct HashResFree {
+    void operator()(kx_mom_hash_res *res) const { kx_mom_hash_res_free(res); }
+};
+using HashRes = std::unique_ptr<kx_mom_hash_res, HashResFree>;
 
 // The `index` field of a keyed table (a sub-message), or nullptr for a
 // single-record table.

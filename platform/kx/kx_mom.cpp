@@ -19,25 +19,59 @@ namespace {
 constexpr const char *kScanPageSize = "1000";
 constexpr size_t kReadBatch = 256;
 
-struct MessageFree {
-    void operator()(ProtobufCMessage *m) const { kx_mom_kx_obj_free(m); }
-};
-using Message = std::unique_ptr<ProtobufCMessage, MessageFree>;
-struct ResFree {
-    void operator()(kx_mom_hash_res *r) const { kx_mom_hash_res_free(r); }
-};
-using HashRes = std::unique_ptr<kx_mom_hash_res, ResFree>;
-
-bool known_table(const ProtobufCMessage *msg)
+int32_t server_refused(int32_t db, const std::string &key, const redisReply *r)
 {
-    return msg && msg->descriptor && kx_mom_table(msg->descriptor->name) == msg->descriptor;
-}
-
-int32_t server_refused(const Database &d, const std::string &key, const redisReply *r)
-{
-    log("db %d: key '%s': the server refused: %.*s", d.db, printable(key).c_str(),
+    log("db %d: key '%s': the server refused: %.*s", db, printable(key).c_str(),
         static_cast<int>(r->len), r->str);
     return KX_MOM_ESERVER;
+}
+
+// A hash result from an HGETALL reply; nullptr when the key does not exist.
+kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
+                                 const ProtobufCMessageDescriptor *table, const redisReply *r)
+{
+    if (r->type == REDIS_REPLY_ERROR)
+        return new_hash_res(db, key, server_refused(db, key, r));
+    if (r->type != REDIS_REPLY_ARRAY || r->elements % 2 != 0) {
+        log("db %d: key '%s': HGETALL gave an unexpected reply", db, printable(key).c_str());
+        return new_hash_res(db, key, KX_MOM_EPROTO);
+    }
+    if (r->elements == 0)
+        return nullptr;
+    std::vector<FieldValue> fields;
+    for (size_t i = 0; i + 1 < r->elements; i += 2) {
+        const redisReply *name = r->element[i];
+        const redisReply *value = r->element[i + 1];
+        fields.push_back({{name->str, name->len}, {value->str, value->len}});
+    }
+    std::string error;
+    kx_mom_hash_res *res = decode_hash(db, key, table, fields, &error);
+    if (res && res->error_code != 0)
+        log("db %d: %s", db, error.c_str());
+    return res;
+}
+
+// A record from a GET reply; nullptr with *code 0 when the key does not exist.
+ProtobufCMessage *whole_from_reply(int32_t db, const std::string &key,
+                                   const ProtobufCMessageDescriptor *table, const redisReply *r,
+                                   int32_t *code)
+{
+    *code = 0;
+    if (r->type == REDIS_REPLY_NIL)
+        return nullptr;
+    if (r->type == REDIS_REPLY_ERROR) {
+        *code = server_refused(db, key, r);
+        return nullptr;
+    }
+    std::string error = "key '" + printable(key) + "': GET gave an unexpected reply";
+    ProtobufCMessage *record = r->type == REDIS_REPLY_STRING
+                                   ? decode_whole(table, key, {r->str, r->len}, &error)
+                                   : nullptr;
+    if (!record) {
+        log("db %d: %s", db, error.c_str());
+        *code = KX_MOM_EPROTO;
+    }
+    return record;
 }
 
 // Notes for the scans delivering from `d` that a record was deleted.
@@ -66,7 +100,7 @@ int32_t list_step(Database &d, ScanWork &w)
     if (rc != 0)
         return rc;
     if (r->type == REDIS_REPLY_ERROR)
-        return server_refused(d, w.glob, r.get());
+        return server_refused(d.db, w.glob, r.get());
     if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
         r->element[0]->type != REDIS_REPLY_STRING || r->element[1]->type != REDIS_REPLY_ARRAY) {
         log("db %d: SCAN %s: unexpected reply", d.db, printable(w.glob).c_str());
@@ -99,12 +133,11 @@ int32_t read_step(Database &d, ScanWork &w)
 {
     std::vector<std::string> batch;
     std::vector<Command> reads;
-    bool whole = stored_whole(w.table);
     for (; w.next < w.keys.size() && batch.size() < kReadBatch; ++w.next)
         if (valid_key(d, w, w.keys[w.next]))
             batch.push_back(std::move(w.keys[w.next]));
     for (const std::string &key : batch)
-        reads.push_back({whole ? "GET" : "HGETALL", key});
+        reads.push_back(read_command(w.table, key));
     std::vector<Reply> replies;
     int32_t rc = run_commands(d, reads, &replies);
     if (rc != 0)
@@ -118,18 +151,9 @@ int32_t read_step(Database &d, ScanWork &w)
         const std::string &key = batch[i];
         if (w.deleted.count(key))
             continue;
-        if (whole) {
-            int32_t code = 0;
-            Message record(whole_from_reply(d.db, key, w.table, replies[i].get(), &code));
-            if (record)
-                deliver(w.global, w.cb, w.privdata, d.db, w.table, KX_MOM_CMD_SET, record.get(),
-                        key.c_str(), 0);
-            continue;
-        }
-        HashRes res(hash_from_reply(d.db, key, w.table, replies[i].get()));
-        if (res)
-            deliver(w.global, w.cb, w.privdata, d.db, w.table, KX_MOM_CMD_HSET, res.get(),
-                    key.c_str(), 0);
+        Payload p = payload_from_reply(d.db, key, w.table, replies[i].get(), KX_MOM_CMD_HSET);
+        if (p.cmd != 0)
+            deliver(w.global, w.cb, w.privdata, d.db, w.table, p.cmd, p.data(), key.c_str(), 0);
     }
     return d.epoch == epoch ? 0 : KX_MOM_EIO;
 }
@@ -161,10 +185,7 @@ int32_t start_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
     w->table = key->descriptor;
     w->cb = cb;
     w->privdata = privdata;
-    if (selects_table(key) && index_field(key->descriptor)) {
-        w->glob = table_glob(key->descriptor);
-    } else {
-        w->glob = record_key(key);
+    if (!selects_glob(key, &w->glob)) {
         w->keys.push_back(w->glob);
         w->listed = true;
     }
@@ -213,65 +234,40 @@ void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
             cmd);
 }
 
-kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
-                                 const ProtobufCMessageDescriptor *table, const redisReply *r)
+bool known_table(const ProtobufCMessage *msg)
 {
-    if (r->type == REDIS_REPLY_ERROR) {
-        log("db %d: key '%s': the server refused: %.*s", db, printable(key).c_str(),
-            static_cast<int>(r->len), r->str);
-        return new_hash_res(db, key, KX_MOM_ESERVER);
-    }
-    if (r->type != REDIS_REPLY_ARRAY || r->elements % 2 != 0) {
-        log("db %d: key '%s': HGETALL gave an unexpected reply", db, printable(key).c_str());
-        return new_hash_res(db, key, KX_MOM_EPROTO);
-    }
-    if (r->elements == 0)
-        return nullptr;
-    std::vector<FieldValue> fields;
-    for (size_t i = 0; i + 1 < r->elements; i += 2) {
-        const redisReply *name = r->element[i];
-        const redisReply *value = r->element[i + 1];
-        fields.push_back({{name->str, name->len}, {value->str, value->len}});
-    }
-    std::string error;
-    kx_mom_hash_res *res = decode_hash(db, key, table, fields, &error);
-    if (res && res->error_code != 0)
-        log("db %d: %s", db, error.c_str());
-    return res;
+    return msg && msg->descriptor && kx_mom_table(msg->descriptor->name) == msg->descriptor;
 }
 
-ProtobufCMessage *whole_from_reply(int32_t db, const std::string &key,
-                                   const ProtobufCMessageDescriptor *table, const redisReply *r,
-                                   int32_t *code)
+bool selects_glob(const ProtobufCMessage *key, std::string *match)
 {
-    *code = 0;
-    if (r->type == REDIS_REPLY_NIL)
-        return nullptr;
-    if (r->type == REDIS_REPLY_ERROR) {
-        log("db %d: key '%s': the server refused: %.*s", db, printable(key).c_str(),
-            static_cast<int>(r->len), r->str);
-        *code = KX_MOM_ESERVER;
-        return nullptr;
+    bool glob = selects_table(key) && index_field(key->descriptor);
+    *match = glob ? table_glob(key->descriptor) : record_key(key);
+    return glob;
+}
+
+Command read_command(const ProtobufCMessageDescriptor *table, const std::string &key)
+{
+    return {stored_whole(table) ? "GET" : "HGETALL", key};
+}
+
+Payload payload_from_reply(int32_t db, const std::string &key,
+                           const ProtobufCMessageDescriptor *table, const redisReply *r,
+                           int32_t hash_cmd)
+{
+    Payload p;
+    if (stored_whole(table)) {
+        int32_t code = 0;
+        p.record.reset(whole_from_reply(db, key, table, r, &code));
+        p.cmd = p.record ? KX_MOM_CMD_SET : 0;
+    } else {
+        p.hash.reset(hash_from_reply(db, key, table, r));
+        p.cmd = p.hash ? hash_cmd : 0;
     }
-    std::string error = "key '" + printable(key) + "': GET gave an unexpected reply";
-    ProtobufCMessage *record = r->type == REDIS_REPLY_STRING
-                                   ? decode_whole(table, key, {r->str, r->len}, &error)
-                                   : nullptr;
-    if (!record) {
-        log("db %d: %s", db, error.c_str());
-        *code = KX_MOM_EPROTO;
-    }
-    return record;
+    return p;
 }
 
 } // namespace kx
-
-kx::mom_state::~mom_state()
-{
-    // Scans first: their events must go before the loop does.
-    async_scans.clear();
-    dbs.clear();
-}
 
 int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
                          kx_mom_cb cb, void *privdata)
@@ -307,12 +303,11 @@ void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *k
     if (!d)
         return nullptr;
     std::string k = kx::record_key(key);
-    bool whole = kx::stored_whole(key->descriptor);
     kx::Reply r;
-    code = kx::run_command(*d, {whole ? "GET" : "HGETALL", k}, &r);
+    code = kx::run_command(*d, kx::read_command(key->descriptor, k), &r);
     if (code != 0)
         return nullptr;
-    if (whole) {
+    if (kx::stored_whole(key->descriptor)) {
         ProtobufCMessage *record = kx::whole_from_reply(db, k, key->descriptor, r.get(), &code);
         return record || code != 0 ? record : kx::new_record(key->descriptor);
     }
@@ -368,7 +363,7 @@ int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessag
     kx::Reply r;
     rc = kx::run_command(*d, cmd, &r);
     if (rc == 0 && r->type == REDIS_REPLY_ERROR)
-        rc = kx::server_refused(*d, key, r.get());
+        rc = kx::server_refused(db, key, r.get());
     return rc;
 }
 
@@ -382,7 +377,7 @@ int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage 
     kx::Reply r;
     rc = kx::run_command(*d, {"DEL", k}, &r);
     if (rc == 0 && r->type == REDIS_REPLY_ERROR)
-        rc = kx::server_refused(*d, k, r.get());
+        rc = kx::server_refused(db, k, r.get());
     if (rc == 0)
         kx::note_deleted(*d, k);
     return rc;

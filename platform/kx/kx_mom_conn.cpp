@@ -99,17 +99,12 @@ std::string reply_text(const redisReply *r)
 // One command on a context being set up (not yet part of a database).
 Reply setup_command(redisContext *c, const Command &cmd, Failure *fail)
 {
-    std::vector<const char *> argv;
-    std::vector<size_t> lens;
-    for (auto arg : cmd) {
-        argv.push_back(arg.data());
-        lens.push_back(arg.size());
-    }
-    Reply r(static_cast<redisReply *>(
-        redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data())));
-    if (!r)
+    void *r = nullptr;
+    if (append_command(c, cmd) != REDIS_OK || redisGetReply(c, &r) != REDIS_OK) {
         *fail = {KX_MOM_ENOTCONN, std::string(cmd[0]) + ": " + c->errstr};
-    return r;
+        return nullptr;
+    }
+    return Reply(static_cast<redisReply *>(r));
 }
 
 bool opens(redisContext *c, const Endpoint &ep, Context *out, Failure *fail)
@@ -423,23 +418,25 @@ void mark_down(Database &d, const char *why)
     arm(d, 0);
 }
 
+int append_command(redisContext *c, const Command &cmd)
+{
+    std::vector<const char *> argv;
+    std::vector<size_t> lens;
+    for (auto arg : cmd) {
+        argv.push_back(arg.data());
+        lens.push_back(arg.size());
+    }
+    return redisAppendCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data());
+}
+
 int32_t run_commands(Database &d, std::span<const Command> cmds, std::vector<Reply> *replies)
 {
     replies->clear();
     if (d.link != Link::up)
         return KX_MOM_ENOTCONN;
     redisContext *c = d.cmd.get();
-    std::vector<const char *> argv;
-    std::vector<size_t> lens;
     for (const Command &cmd : cmds) {
-        argv.clear();
-        lens.clear();
-        for (auto arg : cmd) {
-            argv.push_back(arg.data());
-            lens.push_back(arg.size());
-        }
-        if (redisAppendCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data()) !=
-            REDIS_OK) {
+        if (append_command(c, cmd) != REDIS_OK) {
             mark_down(d, "out of memory");
             return KX_MOM_ENOMEM;
         }

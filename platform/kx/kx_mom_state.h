@@ -19,6 +19,7 @@
 #include <event2/event.h>
 #include <hiredis/hiredis.h>
 
+#include "kx_codec.h"
 #include "kx_internal.h"
 #include "kx_mom.h"
 
@@ -109,8 +110,8 @@ struct AsyncScan {
 
 struct kx::mom_state {
     std::map<int32_t, std::unique_ptr<Database>> dbs;
+    // kx_mom_scan work under way; released (declared after dbs) before the databases.
     std::list<std::unique_ptr<AsyncScan>> async_scans;
-    ~mom_state();
 };
 
 namespace kx {
@@ -128,6 +129,8 @@ int32_t connect_database(Database &d);
 // disconnect callback and retry. Harmless when it is not up.
 void mark_down(Database &d, const char *why);
 
+// Appends `cmd` to the output buffer of `c`; REDIS_OK or REDIS_ERR.
+int append_command(redisContext *c, const Command &cmd);
 // Runs `cmds` pipelined on the command connection, one reply each. An I/O
 // failure marks the database down and gives KX_MOM_EIO.
 int32_t run_commands(Database &d, std::span<const Command> cmds, std::vector<Reply> *replies);
@@ -145,13 +148,27 @@ void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
              const ProtobufCMessageDescriptor *table, int32_t cmd, void *data, const char *key,
              int32_t scan_over);
 
-// A hash result from an HGETALL reply; nullptr when the key does not exist.
-kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
-                                 const ProtobufCMessageDescriptor *table, const redisReply *r);
-// A record from a GET reply; nullptr with *code 0 when the key does not exist.
-ProtobufCMessage *whole_from_reply(int32_t db, const std::string &key,
-                                   const ProtobufCMessageDescriptor *table, const redisReply *r,
-                                   int32_t *code);
+// True for a key message of a table libkx knows.
+bool known_table(const ProtobufCMessage *msg);
+// What a selection follows: the table's glob (true) or one record's key (false).
+// A single-record table has one key: it is followed like one record.
+bool selects_glob(const ProtobufCMessage *key, std::string *match);
+
+// The command reading record `key` of `table` now (GET or HGETALL).
+Command read_command(const ProtobufCMessageDescriptor *table, const std::string &key);
+
+// A record read now, as delivered: the decoded record with KX_MOM_CMD_SET for
+// the whole-value table, else the hash result with `hash_cmd` (also when it
+// carries an error_code); cmd 0 when the record is gone or its value is unusable.
+struct Payload {
+    int32_t cmd = 0;
+    Message record;
+    HashRes hash;
+    void *data() const { return hash ? static_cast<void *>(hash.get()) : record.get(); }
+};
+Payload payload_from_reply(int32_t db, const std::string &key,
+                           const ProtobufCMessageDescriptor *table, const redisReply *r,
+                           int32_t hash_cmd);
 
 } // namespace kx
 

@@ -6,7 +6,6 @@
 // confirmation (cmd 29) is always delivered from the loop. Notifications carry
 // only the event's name: the record is read now, on the command connection.
 #include <algorithm>
-#include <cstring>
 #include <string>
 
 #include "kx_codec.h"
@@ -67,27 +66,13 @@ void confirm(Database &d, std::string_view channel, bool pattern)
             nullptr, route->key.c_str(), 0);
 }
 
-struct MessageFree {
-    void operator()(ProtobufCMessage *m) const { kx_mom_kx_obj_free(m); }
-};
-struct ResFree {
-    void operator()(kx_mom_hash_res *r) const { kx_mom_hash_res_free(r); }
-};
-
 // The payload of one event, read now; cmd 0 when there is nothing to deliver.
-struct Payload {
-    int32_t cmd = 0;
-    std::unique_ptr<ProtobufCMessage, MessageFree> record;
-    std::unique_ptr<kx_mom_hash_res, ResFree> hash;
-    void *data() const { return hash ? static_cast<void *>(hash.get()) : record.get(); }
-};
-
 Payload read_payload(Database &d, const ProtobufCMessageDescriptor *table, const std::string &key,
                      Action action)
 {
     Payload p;
     std::string error;
-    std::unique_ptr<ProtobufCMessage, MessageFree> from_key(parse_key(table, key, &error));
+    Message from_key(parse_key(table, key, &error));
     if (!from_key) {
         log("db %d: notification skipped: %s", d.db, error.c_str());
         return p;
@@ -98,19 +83,10 @@ Payload read_payload(Database &d, const ProtobufCMessageDescriptor *table, const
         return p;
     }
     Reply r;
-    if (run_command(d, {stored_whole(table) ? "GET" : "HGETALL", key}, &r) != 0)
+    if (run_command(d, read_command(table, key), &r) != 0)
         return p;
-    if (stored_whole(table)) {
-        int32_t code = 0;
-        p.record.reset(whole_from_reply(d.db, key, table, r.get(), &code));
-        if (p.record)
-            p.cmd = KX_MOM_CMD_SET;
-        return p;
-    }
-    p.hash.reset(hash_from_reply(d.db, key, table, r.get()));
-    if (p.hash)
-        p.cmd = action == Action::changed ? KX_MOM_CMD_HSET : KX_MOM_CMD_HDEL;
-    return p;
+    return payload_from_reply(d.db, key, table, r.get(),
+                              action == Action::changed ? KX_MOM_CMD_HSET : KX_MOM_CMD_HDEL);
 }
 
 void dispatch(Database &d, std::string_view channel, const redisReply *pattern,
@@ -189,10 +165,9 @@ int32_t send_subscribe(Database &d, Route &route)
     if (d.link != Link::up)
         return KX_MOM_ENOTCONN;
     redisContext *c = d.sub.get();
-    const char *argv[] = {route.pattern ? "PSUBSCRIBE" : "SUBSCRIBE", route.channel.data()};
-    const size_t lens[] = {strlen(argv[0]), route.channel.size()};
     int done = 0;
-    if (redisAppendCommandArgv(c, 2, argv, lens) != REDIS_OK) {
+    if (append_command(c, {route.pattern ? "PSUBSCRIBE" : "SUBSCRIBE", route.channel}) !=
+        REDIS_OK) {
         mark_down(d, "out of memory");
         return KX_MOM_ENOMEM;
     }
@@ -227,14 +202,13 @@ int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage
                          kx_mom_cb cb, void *privdata)
 {
     int32_t code = 0;
-    if (!key || !cb || kx_mom_table(key->descriptor->name) != key->descriptor)
+    if (!kx::known_table(key) || !cb)
         return KX_MOM_EINVAL;
     kx::Database *d = kx::up_database(global, db, &code);
     if (!d)
         return code;
-    // A single-record table has one key: it is followed like one record.
-    bool pattern = kx::selects_table(key) && kx::index_field(key->descriptor);
-    std::string record = pattern ? kx::table_glob(key->descriptor) : kx::record_key(key);
+    std::string record;
+    bool pattern = kx::selects_glob(key, &record);
     std::string channel = kx::keyspace_prefix(db) + record;
     for (const auto &r : d->routes)
         if (r->channel == channel && r->pattern == pattern && r->cb == cb &&
