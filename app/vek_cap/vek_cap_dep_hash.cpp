@@ -7,6 +7,7 @@
 // bucket count. A plain re-insertion of the items would give another order.
 #include <dirent.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -53,9 +54,7 @@ void dep_free(void *ptr) { g_vek_cap_dep_alloc.free_f(ptr); }
 // it was, when an array cannot be allocated.
 bool dep_hash_rehash(vek_cap_dep_hash_t *h)
 {
-    uint32_t target = h->n_buckets > 2 * h->size ? h->n_buckets : h->n_buckets * 2;
-    if (target < MIN_BUCKETS)
-        target = MIN_BUCKETS;
+    const uint32_t target = std::max(MIN_BUCKETS, h->n_buckets > 2 * h->size ? h->n_buckets : h->n_buckets * 2);
     if (h->size >= upper_bound_of(target))
         return true;
 
@@ -96,12 +95,7 @@ bool dep_hash_rehash(vek_cap_dep_hash_t *h)
         }
     }
 
-    if (target < h->n_buckets) {
-        // A failed shrink keeps the larger array, which is still correct.
-        if (auto *keys = static_cast<vek_cap_dep_item **>(
-                g_vek_cap_dep_alloc.realloc_f(h->keys, target * sizeof(vek_cap_dep_item *))))
-            h->keys = keys;
-    }
+    // The bucket count never shrinks, so the key array never has to.
     dep_free(h->flags);
     h->flags = new_flags;
     h->n_buckets = target;
@@ -136,11 +130,25 @@ struct dir_close {
     void operator()(DIR *dir) const { closedir(dir); }
 };
 
-vek_cap_dep_item *put_failed(vek_cap_dep_item **out)
+// Adds a module known to be absent, rehashing first when the occupied buckets have
+// reached the bound. Null, with the registry as it was, when memory runs out.
+vek_cap_dep_item *dep_hash_add(vek_cap_dep_hash_t *h, const vek_cap_dep_item *item)
 {
-    if (out)
-        *out = nullptr;
-    return nullptr;
+    std::unique_ptr<vek_cap_dep_item, decltype(&dep_free)> fresh(
+        static_cast<vek_cap_dep_item *>(g_vek_cap_dep_alloc.calloc_f(1, sizeof(vek_cap_dep_item))), dep_free);
+    if (!fresh)
+        return nullptr;
+    *fresh = *item;
+    if (h->n_occupied >= h->upper_bound && !dep_hash_rehash(h))
+        return nullptr;
+    const uint32_t b = dep_hash_slot(h, dep_hash(fresh.get()));
+    if (b == h->n_buckets) // no free bucket: cannot happen below the load limit
+        return nullptr;
+    if (is_empty(h->flags, b))
+        ++h->n_occupied;
+    ++h->size;
+    set_live(h->flags, b);
+    return h->keys[b] = fresh.release();
 }
 
 } // namespace
@@ -190,38 +198,17 @@ vek_cap_dep_item *vek_cap_find_dep_hash(const vek_cap_dep_item *key)
 
 vek_cap_dep_item *vek_cap_put_dep_hash(vek_cap_dep_item **out, const vek_cap_dep_item *item)
 {
-    vek_cap_dep_hash_t *h = g_vek_cap_dep_hash;
-    if (!item || !h)
-        return put_failed(out);
-    if (vek_cap_dep_item *stored = vek_cap_find_dep_hash(item)) {
-        std::memcpy(stored->module, item->module, sizeof stored->module);
-        stored->ready = item->ready;
-        if (out)
-            *out = stored;
-        return stored;
+    vek_cap_dep_item *stored = nullptr;
+    if (item && g_vek_cap_dep_hash) {
+        stored = vek_cap_find_dep_hash(item);
+        if (stored)
+            *stored = *item; // the same name: only `ready` can differ
+        else
+            stored = dep_hash_add(g_vek_cap_dep_hash, item);
     }
-
-    std::unique_ptr<vek_cap_dep_item, decltype(&dep_free)> fresh(
-        static_cast<vek_cap_dep_item *>(g_vek_cap_dep_alloc.calloc_f(1, sizeof(vek_cap_dep_item))), dep_free);
-    if (!fresh)
-        return put_failed(out);
-    std::memcpy(fresh->module, item->module, sizeof fresh->module);
-    fresh->ready = item->ready;
-
-    if (h->n_occupied >= h->upper_bound && !dep_hash_rehash(h))
-        return put_failed(out);
-    const uint32_t b = dep_hash_slot(h, dep_hash(fresh.get()));
-    if (b == h->n_buckets) // no free bucket: cannot happen below the load limit
-        return put_failed(out);
-
-    if (is_empty(h->flags, b))
-        ++h->n_occupied;
-    ++h->size;
-    set_live(h->flags, b);
-    h->keys[b] = fresh.release();
     if (out)
-        *out = h->keys[b];
-    return h->keys[b];
+        *out = stored;
+    return stored;
 }
 
 int vek_cap_insert_dep_hash(const vek_cap_dep_item *item, int dir)
@@ -239,8 +226,7 @@ int vek_cap_insert_dep_hash(const vek_cap_dep_item *item, int dir)
         return 0;
     }
     VEK_CAP_INFO("module %s, not found", item->module);
-    vek_cap_dep_item *added = nullptr;
-    if (!vek_cap_put_dep_hash(&added, item)) {
+    if (!vek_cap_put_dep_hash(nullptr, item)) {
         VEK_CAP_ERR("add module: %s failed", item->module);
         return -11;
     }
