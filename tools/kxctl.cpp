@@ -98,22 +98,24 @@ const ProtobufCMessage *index_of(const ProtobufCMessage *record)
     return idx ? member<ProtobufCMessage *>(record, idx) : nullptr;
 }
 
-// The value fields of a record: everything but the index.
-std::vector<const Field *> value_fields(const Table *table)
-{
-    std::vector<const Field *> fields;
-    const Field *idx = kx::index_field(table);
-    for (unsigned i = 0; i < table->n_fields; ++i)
-        if (&table->fields[i] != idx)
-            fields.push_back(&table->fields[i]);
-    return fields;
-}
-
 std::vector<const Field *> all_fields(const Table *table)
 {
     std::vector<const Field *> fields;
     for (unsigned i = 0; table && i < table->n_fields; ++i)
         fields.push_back(&table->fields[i]);
+    return fields;
+}
+
+// The value fields (all but the index) present in a hash result, in field-number
+// order; without `tags`, every value field.
+std::vector<const Field *> value_fields(const Table *table, const int32_t *tags = nullptr,
+                                        int32_t n_tags = 0)
+{
+    std::vector<const Field *> fields;
+    for (const Field *f : all_fields(table))
+        if (f != kx::index_field(table) &&
+            (!tags || std::find(tags, tags + n_tags, static_cast<int32_t>(f->id)) != tags + n_tags))
+            fields.push_back(f);
     return fields;
 }
 
@@ -151,6 +153,11 @@ std::string type_name(const Field *f)
     }
 }
 
+bool is_number(const Field *f)
+{
+    return f->type == PROTOBUF_C_TYPE_INT32 || f->type == PROTOBUF_C_TYPE_ENUM;
+}
+
 // ---- values as text ---------------------------------------------------------------------
 
 std::optional<int32_t> parse_int32(std::string_view text)
@@ -162,41 +169,33 @@ std::optional<int32_t> parse_int32(std::string_view text)
     return v;
 }
 
-// Sets field `f` of `msg` from `text`; the reason when `text` does not fit.
-std::optional<std::string> set_field(ProtobufCMessage *msg, const Field *f, std::string_view text)
+// Sets field `f` of `msg` from `text`; false when `text` does not fit.
+bool set_field(ProtobufCMessage *msg, const Field *f, std::string_view text)
 {
-    std::string bad = "bad value for " + std::string(f->name) + " (" + type_name(f) + "): '" +
-                      std::string(text) + "'";
     switch (f->type) {
-    case PROTOBUF_C_TYPE_INT32:
-        if (auto v = parse_int32(text)) {
-            member<int32_t>(msg, f) = *v;
-            return std::nullopt;
-        }
-        return bad;
+    case PROTOBUF_C_TYPE_INT32: {
+        auto v = parse_int32(text);
+        member<int32_t>(msg, f) = v.value_or(0);
+        return v.has_value();
+    }
     case PROTOBUF_C_TYPE_BOOL:
-        if (text == "true" || text == "1" || text == "false" || text == "0") {
-            member<protobuf_c_boolean>(msg, f) = text == "true" || text == "1";
-            return std::nullopt;
-        }
-        return bad;
+        member<protobuf_c_boolean>(msg, f) = text == "true" || text == "1";
+        return text == "true" || text == "1" || text == "false" || text == "0";
     case PROTOBUF_C_TYPE_ENUM: {
         auto *e = static_cast<const ProtobufCEnumDescriptor *>(f->descriptor);
         auto v = parse_int32(text);
         for (unsigned i = 0; !v && i < e->n_values; ++i)
             if (text == e->values[i].name)
                 v = e->values[i].value;
-        if (!v)
-            return bad;
-        member<int>(msg, f) = *v;
-        return std::nullopt;
+        member<int>(msg, f) = v.value_or(0);
+        return v.has_value();
     }
     case PROTOBUF_C_TYPE_STRING: {
         char *&s = member<char *>(msg, f);
         if (s && s != f->default_value)
             free(s);
         s = strndup(text.data(), text.size());
-        return std::nullopt;
+        return true;
     }
     case PROTOBUF_C_TYPE_BYTES: {
         auto &b = member<ProtobufCBinaryData>(msg, f);
@@ -204,41 +203,26 @@ std::optional<std::string> set_field(ProtobufCMessage *msg, const Field *f, std:
         b.data = static_cast<uint8_t *>(malloc(text.size() + 1));
         memcpy(b.data, text.data(), text.size());
         b.len = text.size();
-        return std::nullopt;
+        return true;
     }
-    default: return std::string(f->name) + " cannot be given on the command line";
+    default: return false;
     }
 }
 
-enum class Kind { number, boolean, text, bytes };
-
-// The field's value as text, and what kind of JSON value it is.
-std::string field_text(const ProtobufCMessage *msg, const Field *f, Kind *kind = nullptr)
+// The field's value as the store holds it: decimal, true/false, or the raw bytes.
+std::string field_text(const ProtobufCMessage *msg, const Field *f)
 {
-    Kind k = Kind::number;
-    std::string text;
     switch (f->type) {
-    case PROTOBUF_C_TYPE_INT32: text = std::to_string(member<int32_t>(msg, f)); break;
-    case PROTOBUF_C_TYPE_ENUM: text = std::to_string(member<int>(msg, f)); break;
-    case PROTOBUF_C_TYPE_BOOL:
-        k = Kind::boolean;
-        text = member<protobuf_c_boolean>(msg, f) ? "true" : "false";
-        break;
-    case PROTOBUF_C_TYPE_STRING:
-        k = Kind::text;
-        text = member<char *>(msg, f) ? member<char *>(msg, f) : "";
-        break;
+    case PROTOBUF_C_TYPE_INT32: return std::to_string(member<int32_t>(msg, f));
+    case PROTOBUF_C_TYPE_ENUM: return std::to_string(member<int>(msg, f));
+    case PROTOBUF_C_TYPE_BOOL: return member<protobuf_c_boolean>(msg, f) ? "true" : "false";
+    case PROTOBUF_C_TYPE_STRING: return member<char *>(msg, f) ? member<char *>(msg, f) : "";
     case PROTOBUF_C_TYPE_BYTES: {
-        k = Kind::bytes;
         const auto &b = member<ProtobufCBinaryData>(msg, f);
-        text.assign(reinterpret_cast<const char *>(b.data), b.len);
-        break;
+        return std::string(reinterpret_cast<const char *>(b.data), b.len);
     }
-    default: k = Kind::text; text = "?";
+    default: return "?";
     }
-    if (kind)
-        *kind = k;
-    return text;
 }
 
 // ---- output ----------------------------------------------------------------------------
@@ -280,68 +264,50 @@ std::string plain_quote(std::string_view s)
     return bare ? std::string(s) : quoted(s, "\\x%02x", true);
 }
 
-std::string json_quote(std::string_view s, bool bytes)
+std::string json_quote(std::string_view s, bool bytes = false)
 {
     return quoted(s, "\\u%04x", bytes);
 }
 
-std::string json_value(const ProtobufCMessage *msg, const Field *f)
-{
-    Kind kind;
-    std::string text = field_text(msg, f, &kind);
-    return kind == Kind::text || kind == Kind::bytes ? json_quote(text, kind == Kind::bytes) : text;
-}
-
 std::string json_fields(const ProtobufCMessage *msg, const std::vector<const Field *> &fields)
 {
-    std::string out = "{";
+    std::string out;
     for (const Field *f : fields) {
-        if (out.size() > 1)
-            out += ',';
-        out += json_quote(f->name, false) + ":" + json_value(msg, f);
+        std::string text = field_text(msg, f);
+        bool bytes = f->type == PROTOBUF_C_TYPE_BYTES;
+        bool string = bytes || f->type == PROTOBUF_C_TYPE_STRING;
+        out += (out.empty() ? "" : ",") + json_quote(f->name) + ":" +
+               (string ? json_quote(text, bytes) : text);
     }
-    return out + "}";
+    return "{" + out + "}";
 }
 
-// The fields a hash result holds, by number; every value field for a whole record.
-std::vector<const Field *> present_fields(const ProtobufCMessage *record, const int32_t *tags,
-                                          int32_t n_tags)
-{
-    std::vector<const Field *> fields;
-    for (const Field *f : value_fields(record->descriptor))
-        if (!tags || std::find(tags, tags + n_tags, static_cast<int32_t>(f->id)) != tags + n_tags)
-            fields.push_back(f);
-    return fields;
-}
-
-// One record as a line; `event` only for watch; `record` null for a bare key, `fields`
-// null for a record known by its index only (a deletion).
+// One record as a line: `event` only for watch, `record` null for a bare key, `fields`
+// null for a record known by its index only (a deletion), `entries` only for chassis.
 std::string render(const char *event, std::string_view key, const ProtobufCMessage *record,
-                   const std::vector<const Field *> *fields, const char *extra_name = nullptr,
-                   long extra = 0)
+                   const std::vector<const Field *> *fields, std::optional<long> entries = {})
 {
     std::string line;
     if (g_json) {
         line = "{";
         if (event)
-            line += "\"event\":" + json_quote(event, false) + ",";
-        line += "\"key\":" + json_quote(key, false);
+            line += "\"event\":" + json_quote(event) + ",";
+        line += "\"key\":" + json_quote(key);
         if (const ProtobufCMessage *index = record ? index_of(record) : nullptr)
             line += ",\"index\":" + json_fields(index, all_fields(index->descriptor));
         if (record && fields)
             line += ",\"fields\":" + json_fields(record, *fields);
-        if (extra_name)
-            line += ",\"" + std::string(extra_name) + "\":" + std::to_string(extra);
-        line += "}";
-    } else {
-        if (event)
-            line = std::string(event) + " ";
-        line += plain_quote(key);
-        for (const Field *f : fields ? *fields : std::vector<const Field *>{})
-            line += " " + std::string(f->name) + "=" + plain_quote(field_text(record, f));
-        if (extra_name)
-            line += " " + std::string(extra_name) + "=" + std::to_string(extra);
+        if (entries)
+            line += ",\"entries\":" + std::to_string(*entries);
+        return line + "}\n";
     }
+    if (event)
+        line = std::string(event) + " ";
+    line += plain_quote(key);
+    for (const Field *f : fields ? *fields : std::vector<const Field *>{})
+        line += " " + std::string(f->name) + "=" + plain_quote(field_text(record, f));
+    if (entries)
+        line += " entries=" + std::to_string(*entries);
     return line + '\n';
 }
 
@@ -351,6 +317,11 @@ int fail(int status, const std::string &why)
 {
     fprintf(stderr, "kxctl: %s\n", why.c_str());
     return status;
+}
+
+int store_failure(const std::string &what, int32_t rc)
+{
+    return fail(exit_store, what + " (" + std::to_string(rc) + ")");
 }
 
 struct Request {
@@ -377,7 +348,6 @@ std::optional<std::string> parse_assignments(Request &req, const std::vector<std
     ProtobufCMessage *index = itable ? kx::new_record(itable) : nullptr;
     if (index)
         member<ProtobufCMessage *>(req.record.get(), index_field) = index;
-    std::vector<const Field *> values_given;
     for (const auto &word : words) {
         size_t eq = word.find('=');
         if (eq == std::string::npos || eq == 0)
@@ -385,26 +355,27 @@ std::optional<std::string> parse_assignments(Request &req, const std::vector<std
         std::string name = word.substr(0, eq);
         std::string_view value = std::string_view(word).substr(eq + 1);
         const Field *f = field_named(itable, name);
+        ProtobufCMessage *target = index;
         if (f && !contains(req.index_given, f)) {
             req.index_given.push_back(f);
-            if (auto err = set_field(index, f, value))
-                return err;
-            continue;
+        } else {
+            bool in_index = f != nullptr;
+            f = field_named(req.table, name);
+            if (!f || f == index_field)
+                return std::string(req.table->name) +
+                       (in_index ? ": index field '" + name + "' given twice"
+                                 : " has no field '" + name + "'");
+            if (!values_allowed)
+                return "only index fields select a record here, not '" + name + "'";
+            auto tag = static_cast<int32_t>(f->id);
+            if (std::find(req.value_tags.begin(), req.value_tags.end(), tag) !=
+                req.value_tags.end())
+                return "field '" + name + "' given twice";
+            req.value_tags.push_back(tag);
+            target = req.record.get();
         }
-        bool in_index = f != nullptr;
-        f = field_named(req.table, name);
-        if (!f || f == index_field)
-            return std::string(req.table->name) + (in_index
-                                                       ? ": index field '" + name + "' given twice"
-                                                       : " has no field '" + name + "'");
-        if (!values_allowed)
-            return "only index fields select a record here, not '" + name + "'";
-        if (contains(values_given, f))
-            return "field '" + name + "' given twice";
-        values_given.push_back(f);
-        req.value_tags.push_back(static_cast<int32_t>(f->id));
-        if (auto err = set_field(req.record.get(), f, value))
-            return err;
+        if (!set_field(target, f, value))
+            return "bad value for " + name + " (" + type_name(f) + "): '" + std::string(value) + "'";
     }
     return std::nullopt;
 }
@@ -434,10 +405,7 @@ int connect_db(Session &s, int db)
     if (!s.global)
         return fail(exit_store, "cannot create the event loop");
     int32_t rc = kx_mom_client_connect_sync(s.global, db);
-    if (rc != 0)
-        return fail(exit_store, "cannot connect to database " + std::to_string(db) + " (" +
-                                    std::to_string(rc) + ")");
-    return 0;
+    return rc ? store_failure("cannot connect to database " + std::to_string(db), rc) : 0;
 }
 
 int cmd_get(Session &s, Request &req)
@@ -448,8 +416,8 @@ int cmd_get(Session &s, Request &req)
         Msg obj(static_cast<ProtobufCMessage *>(
             kx_mom_get_sync(s.global, req.db, req.record.get(), &err)));
         if (!obj || err != 0)
-            return fail(exit_store, "cannot read " + key + " (" + std::to_string(err) + ")");
-        auto fields = present_fields(obj.get(), nullptr, 0);
+            return store_failure("cannot read " + key, err);
+        auto fields = value_fields(req.table);
         fputs(render(nullptr, key, obj.get(), &fields).c_str(), stdout);
         return 0;
     }
@@ -457,33 +425,26 @@ int cmd_get(Session &s, Request &req)
     if (!res)
         return fail(exit_store, "cannot read " + key + ": connection lost");
     if (res->error_code != 0)
-        return fail(exit_store,
-                    "cannot read " + key + " (" + std::to_string(res->error_code) + ")");
+        return store_failure("cannot read " + key, res->error_code);
     if (!res->obj)
         return fail(exit_store, "no record " + key);
     auto *obj = static_cast<ProtobufCMessage *>(res->obj);
-    auto fields = present_fields(obj, res->field_tag, res->field_len);
+    auto fields = value_fields(req.table, res->field_tag, res->field_len);
     fputs(render(nullptr, res->key, obj, &fields).c_str(), stdout);
     return 0;
 }
 
-int cmd_set(Session &s, Request &req)
+int cmd_set_or_del(Session &s, Request &req, bool del)
 {
-    int32_t rc = kx_mom_hmset_sync(s.global, req.db, req.record.get(), req.value_tags.data(),
-                                   static_cast<int32_t>(req.value_tags.size()));
-    if (rc != 0)
-        return fail(exit_store, "cannot write " + kx::record_key(req.record.get()) + " (" +
-                                    std::to_string(rc) + ")");
-    return 0;
-}
-
-int cmd_del(Session &s, Request &req)
-{
-    int32_t rc = kx_mom_del_sync(s.global, req.db, req.record.get());
-    if (rc != 0)
-        return fail(exit_store, "cannot delete " + kx::record_key(req.record.get()) + " (" +
-                                    std::to_string(rc) + ")");
-    return 0;
+    int32_t rc = del ? kx_mom_del_sync(s.global, req.db, req.record.get())
+                     : kx_mom_hmset_sync(s.global, req.db, req.record.get(),
+                                         req.value_tags.data(),
+                                         static_cast<int32_t>(req.value_tags.size()));
+    if (rc == 0)
+        return 0;
+    return store_failure((del ? "cannot delete " : "cannot write ") +
+                             kx::record_key(req.record.get()),
+                         rc);
 }
 
 // True when every index field given in `req` has the same value in `record`.
@@ -498,18 +459,15 @@ bool matches(const Request &req, const ProtobufCMessage *record)
 }
 
 // Orders records by their index values: numbers as numbers, strings bytewise.
-using SortKey = std::vector<std::pair<long long, std::string>>;
+using SortKey = std::vector<std::pair<int32_t, std::string>>;
 
 SortKey sort_key(const ProtobufCMessage *record)
 {
     SortKey key;
     const ProtobufCMessage *index = index_of(record);
-    for (const Field *f : all_fields(index ? index->descriptor : nullptr)) {
-        Kind kind;
-        std::string text = field_text(index, f, &kind);
-        key.emplace_back(kind == Kind::number ? std::stoll(text) : 0,
-                         kind == Kind::number ? "" : text);
-    }
+    for (const Field *f : all_fields(index ? index->descriptor : nullptr))
+        key.emplace_back(is_number(f) ? member<int32_t>(index, f) : 0,
+                         is_number(f) ? "" : field_text(index, f));
     return key;
 }
 
@@ -552,8 +510,7 @@ int scan_table(Session &s, int db, const Table *table, const Request *filter, Vi
     Msg key(kx::new_record(table)); // an index at its defaults selects the whole table
     int32_t rc = kx_mom_scan_sync(s.global, db, key.get(), 0, on_scanned, &scan);
     if (rc != 0)
-        return fail(exit_store,
-                    std::string("cannot scan ") + table->name + " (" + std::to_string(rc) + ")");
+        return store_failure(std::string("cannot scan ") + table->name, rc);
     return scan.unreadable ? exit_store : 0;
 }
 
@@ -577,11 +534,11 @@ struct SortedLines {
 int cmd_scan(Session &s, Request &req)
 {
     if (!index_table(req.table)) // a single record: there is nothing to scan for
-        return cmd_get(s, req) == 0 ? 0 : exit_store;
+        return cmd_get(s, req);
     SortedLines out;
     int rc = scan_table(s, req.db, req.table, &req,
                         [&](const kx_mom_hash_res &res, const ProtobufCMessage &record) {
-                            auto fields = present_fields(&record, res.field_tag, res.field_len);
+                            auto fields = value_fields(req.table, res.field_tag, res.field_len);
                             out.add(record, render(nullptr, res.key, &record, &fields));
                         });
     out.print();
@@ -606,32 +563,31 @@ int32_t on_change(kx_global_t *, kx_mom_msg *pmsg, void *privdata)
 {
     const Request &req = *static_cast<const Request *>(privdata);
     const char *event = event_name(pmsg->cmd);
+    const char *key = pmsg->key ? pmsg->key : "";
+    const ProtobufCMessage *record = nullptr; // none for "subscribed"
+    std::vector<const Field *> fields;
     if (!event)
         return 0;
-    std::string line;
-    const char *key = pmsg->key ? pmsg->key : "";
-    if (pmsg->cmd == KX_MOM_CMD_SUBSCRIBED) {
-        line = render(event, key, nullptr, nullptr);
-    } else if (pmsg->cmd == KX_MOM_CMD_HSET || pmsg->cmd == KX_MOM_CMD_HDEL) {
+    if (pmsg->cmd == KX_MOM_CMD_HSET || pmsg->cmd == KX_MOM_CMD_HDEL) {
         auto *res = static_cast<kx_mom_hash_res *>(pmsg->data);
         if (!res || res->error_code != 0 || !res->obj) {
             fprintf(stderr, "kxctl: %s %s: unreadable record (%d)\n", event, key,
                     res ? res->error_code : 0);
             return 0;
         }
-        auto *record = static_cast<const ProtobufCMessage *>(res->obj);
-        if (!matches(req, record))
+        record = static_cast<const ProtobufCMessage *>(res->obj);
+        fields = value_fields(req.table, res->field_tag, res->field_len);
+    } else if (pmsg->cmd != KX_MOM_CMD_SUBSCRIBED) {
+        record = static_cast<const ProtobufCMessage *>(pmsg->data);
+        if (!record)
             return 0;
-        auto fields = present_fields(record, res->field_tag, res->field_len);
-        line = render(event, key, record, &fields);
-    } else {
-        auto *record = static_cast<const ProtobufCMessage *>(pmsg->data);
-        if (!record || !matches(req, record))
-            return 0;
-        auto fields = present_fields(record, nullptr, 0);
-        line = render(event, key, record, pmsg->cmd == KX_MOM_CMD_DEL ? nullptr : &fields);
+        if (pmsg->cmd == KX_MOM_CMD_SET)
+            fields = value_fields(req.table);
     }
-    fputs(line.c_str(), stdout);
+    if (record && !matches(req, record))
+        return 0;
+    fputs(render(event, key, record, pmsg->cmd == KX_MOM_CMD_DEL ? nullptr : &fields).c_str(),
+          stdout);
     fflush(stdout);
     return 0;
 }
@@ -658,8 +614,7 @@ int cmd_watch(Session &s, Request &req)
     if (rc == 0)
         rc = kx_mom_subscribe(s.global, req.db, key.get(), 0, on_change, &req);
     if (rc != 0)
-        return fail(exit_store, std::string("cannot watch ") + req.table->name + " (" +
-                                    std::to_string(rc) + ")");
+        return store_failure(std::string("cannot watch ") + req.table->name, rc);
     kx_global_run(s.global); // until SIGINT or SIGTERM
     return 0;
 }
@@ -670,9 +625,7 @@ int32_t node_of(const ProtobufCMessage &record)
 {
     const ProtobufCMessage *index = index_of(&record);
     const Field *node = field_named(index->descriptor, "node");
-    if (!node)
-        node = field_named(index->descriptor, "nodeid");
-    return member<int32_t>(index, node);
+    return member<int32_t>(index, node ? node : field_named(index->descriptor, "nodeid"));
 }
 
 // Every ready record of `ready_table` with the number of `entry_table` records
@@ -691,9 +644,8 @@ int print_ready_with_entries(Session &s, int db, const char *ready_table, const 
     SortedLines out;
     int rc2 = scan_table(
         s, db, ready, nullptr, [&](const kx_mom_hash_res &res, const ProtobufCMessage &record) {
-            auto fields = present_fields(&record, res.field_tag, res.field_len);
-            out.add(record,
-                    render(nullptr, res.key, &record, &fields, "entries", counts[node_of(record)]));
+            auto fields = value_fields(ready, res.field_tag, res.field_len);
+            out.add(record, render(nullptr, res.key, &record, &fields, counts[node_of(record)]));
         });
     out.print();
     return rc ? rc : rc2;
@@ -711,36 +663,27 @@ int cmd_chassis(Session &s, int db)
 
 void print_table(const Table *table)
 {
-    const Table *itable = index_table(table);
-    std::vector<std::pair<const Field *, bool>> fields;
-    for (const Field *f : all_fields(itable))
+    std::vector<std::pair<const Field *, bool>> fields; // and whether it is an index field
+    for (const Field *f : all_fields(index_table(table)))
         fields.emplace_back(f, true);
     for (const Field *f : value_fields(table))
         fields.emplace_back(f, false);
-    std::string db = std::to_string(home_db(table));
     if (!g_json) {
         for (const auto &[f, is_index] : fields)
             printf("%s %s %u %s%s\n", table->name, f->name, f->id, type_name(f).c_str(),
                    is_index ? " index" : "");
         return;
     }
-    std::string line = "{\"table\":" + json_quote(table->name, false) + ",\"db\":" + db +
+    std::string line = "{\"table\":" + json_quote(table->name) +
+                       ",\"db\":" + std::to_string(home_db(table)) +
                        ",\"whole_value\":" + (kx::stored_whole(table) ? "true" : "false") +
                        ",\"fields\":[";
-    for (size_t i = 0; i < fields.size(); ++i)
-        line += std::string(i ? "," : "") +
-                "{\"name\":" + json_quote(fields[i].first->name, false) +
-                ",\"number\":" + std::to_string(fields[i].first->id) +
-                ",\"type\":" + json_quote(type_name(fields[i].first), false) +
-                ",\"index\":" + (fields[i].second ? "true" : "false") + "}";
+    for (const auto &[f, is_index] : fields)
+        line += std::string(line.back() == '[' ? "" : ",") + "{\"name\":" + json_quote(f->name) +
+                ",\"number\":" + std::to_string(f->id) +
+                ",\"type\":" + json_quote(type_name(f)) +
+                ",\"index\":" + (is_index ? "true" : "false") + "}";
     puts((line + "]}").c_str());
-}
-
-int cmd_tables()
-{
-    for (const Table *const *t = kx_mom_tables(); *t; ++t)
-        print_table(*t);
-    return 0;
 }
 
 // ---- main ------------------------------------------------------------------------------------
@@ -773,10 +716,8 @@ int run_table_command(const std::string &command, int db, const std::vector<std:
         return rc;
     if (command == "get")
         return cmd_get(s, req);
-    if (command == "set")
-        return cmd_set(s, req);
-    if (command == "del")
-        return cmd_del(s, req);
+    if (command == "set" || command == "del")
+        return cmd_set_or_del(s, req, command == "del");
     if (command == "scan")
         return cmd_scan(s, req);
     return cmd_watch(s, req);
@@ -810,16 +751,18 @@ int main(int argc, char **argv)
         return usage_error("missing COMMAND");
     std::string command = words[0];
     words.erase(words.begin());
-    if (command == "tables")
-        return words.empty() ? cmd_tables() : usage_error("tables takes no argument");
-    if (command == "chassis") {
+    if (command == "tables" || command == "chassis") {
         if (!words.empty())
-            return usage_error("chassis takes no argument");
+            return usage_error(command + " takes no argument");
+        if (command == "tables") {
+            for (const Table *const *t = kx_mom_tables(); *t; ++t)
+                print_table(*t);
+            return 0;
+        }
         Session s;
-        int target = db >= 0 ? db : 28;
-        if (int rc = connect_db(s, target); rc != 0)
-            return rc;
-        return cmd_chassis(s, target);
+        db = db >= 0 ? db : 28;
+        int rc = connect_db(s, db);
+        return rc ? rc : cmd_chassis(s, db);
     }
     static constexpr std::string_view table_commands[] = {"get", "set", "del", "scan", "watch"};
     if (std::find(std::begin(table_commands), std::end(table_commands), command) ==

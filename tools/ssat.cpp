@@ -6,15 +6,16 @@
 // consumed here; the handler's n bytes go to standard output unchanged.
 // Exit status: 0 the command ran; 1 the daemon refused it (reason on stderr) or its
 // reply was cut short; 2 bad usage; 3 the daemon cannot be reached.
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -26,7 +27,7 @@ namespace {
 constexpr int exit_refused = 1;
 constexpr int exit_usage = 2;
 constexpr int exit_unreachable = 3;
-constexpr int reply_timeout_ms = 30000;
+constexpr timeval reply_timeout{30, 0}; // a daemon that stopped serving
 
 constexpr const char *usage_text =
     "usage: ssat MODULE COMMAND [ARGS...]\n"
@@ -59,19 +60,6 @@ bool printable(std::string_view s)
     return true;
 }
 
-bool send_all(int fd, std::string_view data)
-{
-    while (!data.empty()) {
-        ssize_t n = send(fd, data.data(), data.size(), MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        data.remove_prefix(static_cast<size_t>(n));
-    }
-    return true;
-}
-
 bool write_all(int fd, std::string_view data)
 {
     while (!data.empty()) {
@@ -83,25 +71,6 @@ bool write_all(int fd, std::string_view data)
         data.remove_prefix(static_cast<size_t>(n));
     }
     return true;
-}
-
-// Reads what is there; 0 at the end, -1 on error or when the daemon stays silent.
-ssize_t receive(int fd, char *buf, size_t size)
-{
-    pollfd p{fd, POLLIN, 0};
-    for (;;) {
-        int r = poll(&p, 1, reply_timeout_ms);
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r == 0) {
-            errno = ETIMEDOUT;
-            return -1;
-        }
-        ssize_t n = recv(fd, buf, size, 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        return n;
-    }
 }
 
 int connect_daemon(const std::string &module, const std::string &path)
@@ -118,8 +87,10 @@ int connect_daemon(const std::string &module, const std::string &path)
         perror("ssat: socket");
         return -1;
     }
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0)
+    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) {
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &reply_timeout, sizeof reply_timeout);
         return fd;
+    }
     int err = errno;
     close(fd);
     if (err == ENOENT)
@@ -131,53 +102,48 @@ int connect_daemon(const std::string &module, const std::string &path)
     return -1;
 }
 
-// Reads the reply: the status line, then (for OK) the announced bytes to stdout.
+// Reads the reply to its end (the daemon closes the connection after it) and passes
+// on the status line's verdict and the announced bytes.
 int relay_reply(int fd, const std::string &module)
 {
-    std::string head;
+    std::string reply;
     char buf[65536];
-    size_t eol;
-    while ((eol = head.find('\n')) == std::string::npos) {
-        ssize_t n = receive(fd, buf, sizeof buf);
-        if (n <= 0 || head.size() > 8192) {
-            fprintf(stderr, "ssat: no reply from %s%s%s\n", module.c_str(), n < 0 ? ": " : "",
-                    n < 0 ? strerror(errno) : "");
-            return exit_refused;
-        }
-        head.append(buf, static_cast<size_t>(n));
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof buf, 0)) != 0) {
+        if (n < 0 && errno != EINTR) // EINTR: stopped and continued
+            break;
+        reply.append(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
     }
-    std::string status = head.substr(0, eol);
-    std::string body = head.substr(eol + 1);
-    if (status.rfind("ERR ", 0) == 0) {
+    size_t eol = reply.find('\n');
+    if (eol == std::string::npos) {
+        fprintf(stderr, "ssat: no reply from %s%s%s\n", module.c_str(), n < 0 ? ": " : "",
+                n < 0 ? strerror(errno) : "");
+        return exit_refused;
+    }
+    std::string status = reply.substr(0, eol);
+    std::string_view body = std::string_view(reply).substr(eol + 1);
+    if (status.starts_with("ERR ")) {
         fprintf(stderr, "%s\n", status.c_str() + 4);
         return exit_refused;
     }
     char *end = nullptr;
-    unsigned long long expected =
-        status.rfind("OK ", 0) == 0 ? strtoull(status.c_str() + 3, &end, 10) : 0;
-    if (!end || *end != '\0' || !isdigit(static_cast<unsigned char>(status[3]))) {
+    unsigned long long expected = status.starts_with("OK ") && isdigit(static_cast<unsigned char>(status[3]))
+                                      ? strtoull(status.c_str() + 3, &end, 10)
+                                      : 0;
+    if (!end || *end != '\0') {
         fprintf(stderr, "ssat: unexpected reply from %s: %s\n", module.c_str(), status.c_str());
         return exit_refused;
     }
-    unsigned long long got = 0;
-    for (;;) {
-        if (got + body.size() > expected)
-            body.resize(expected - got); // more than announced: not the handler's
-        if (!write_all(STDOUT_FILENO, body)) {
-            perror("ssat: standard output");
-            return exit_refused;
-        }
-        got += body.size();
-        if (got == expected)
-            return 0;
-        ssize_t n = receive(fd, buf, sizeof buf);
-        if (n <= 0) {
-            fprintf(stderr, "ssat: reply from %s cut short: %llu of %llu bytes\n", module.c_str(),
-                    got, expected);
-            return exit_refused;
-        }
-        body.assign(buf, static_cast<size_t>(n));
+    body = body.substr(0, expected); // bytes past the announced ones are not the handler's
+    if (!write_all(STDOUT_FILENO, body)) {
+        perror("ssat: standard output");
+        return exit_refused;
     }
+    if (body.size() == expected)
+        return 0;
+    fprintf(stderr, "ssat: reply from %s cut short: %zu of %llu bytes\n", module.c_str(),
+            body.size(), expected);
+    return exit_refused;
 }
 
 } // namespace
@@ -203,10 +169,11 @@ int main(int argc, char **argv)
 
     std::string path = kx_root_path("/var/run/ssat/");
     path += module + ".sock";
+    signal(SIGPIPE, SIG_IGN); // a daemon that refuses us early is read, not fatal
     int fd = connect_daemon(module, path);
     if (fd < 0)
         return exit_unreachable;
-    int rc = send_all(fd, line) ? relay_reply(fd, module) : exit_unreachable;
+    int rc = write_all(fd, line) ? relay_reply(fd, module) : exit_unreachable;
     if (rc == exit_unreachable)
         fprintf(stderr, "ssat: cannot send to %s: %s\n", module.c_str(), strerror(errno));
     close(fd);

@@ -24,14 +24,13 @@ void on_stop_signal(evutil_socket_t, short, void *arg)
     event_base_loopbreak(static_cast<event_base *>(arg));
 }
 
-// mkdir -p for the directory part of `path`.
-void make_parent_dirs(const std::string &path)
+} // namespace
+
+void kx::make_parent_dirs(const std::string &path)
 {
     for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1))
         mkdir(path.substr(0, pos).c_str(), 0755);
 }
-
-} // namespace
 
 const char *kx_root_path(const char *path)
 {
@@ -98,7 +97,7 @@ int32_t kx_initframe_duplicate_check(void)
     std::string path = kx_root_path("/var/run/");
     path += program_invocation_short_name;
     path += ".pid";
-    make_parent_dirs(path);
+    kx::make_parent_dirs(path);
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0)
         return -errno;

@@ -16,6 +16,9 @@ struct ssat_state; // the debug-shell listener (ssat.cpp)
 // Released by kx_global_finish; each is harmless on a handle that never used it.
 void mom_release(kx_global_t *global);
 void ssat_release(kx_global_t *global);
+
+// mkdir -p for the directory part of `path` (failures show when the path is used).
+void make_parent_dirs(const std::string &path);
 } // namespace kx
 
 struct kx_global {

@@ -33,7 +33,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "kx_global.h"
+#include "kx_internal.h"
 
 struct kx_zlog_category {
     enum class Output { file, stderr_stream, syslog };
@@ -82,21 +82,13 @@ struct Config {
     int level = KX_ZLOG_LEVEL_DEBUG;
 };
 
-void config_error(const std::string &path, int line, const std::string &why)
-{
-    if (line > 0)
-        fprintf(stderr, "kx_zlog: %s:%d: %s\n", path.c_str(), line, why.c_str());
-    else
-        fprintf(stderr, "kx_zlog: %s: %s\n", path.c_str(), why.c_str());
-}
-
 std::string_view trim(std::string_view s)
 {
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r'))
-        s.remove_suffix(1);
-    return s;
+    constexpr std::string_view blanks = " \t\r\n";
+    size_t first = s.find_first_not_of(blanks);
+    if (first == std::string_view::npos)
+        return {};
+    return s.substr(first, s.find_last_not_of(blanks) - first + 1);
 }
 
 std::optional<int> parse_level(std::string_view text)
@@ -113,76 +105,55 @@ std::optional<int> parse_level(std::string_view text)
     return number;
 }
 
-// Applies one `key = value` line; false (after saying why) when it is not one.
-bool apply_line(Config &cfg, std::string_view line, const std::string &path, int lineno)
+// Applies one `key = value` line; the reason when it is not one.
+std::string apply_line(Config &cfg, std::string_view line)
 {
     size_t eq = line.find('=');
-    if (eq == std::string_view::npos) {
-        config_error(path, lineno, "expected 'key = value'");
-        return false;
-    }
-    std::string_view key = trim(line.substr(0, eq));
-    std::string_view value = trim(line.substr(eq + 1));
-    if (value.empty()) {
-        config_error(path, lineno, "empty value for '" + std::string(key) + "'");
-        return false;
-    }
+    if (eq == std::string_view::npos)
+        return "expected 'key = value'";
+    std::string key(trim(line.substr(0, eq)));
+    std::string value(trim(line.substr(eq + 1)));
+    if (value.empty())
+        return "empty value for '" + key + "'";
     if (key == "output") {
-        cfg.output = std::string(value);
-        return true;
+        cfg.output = value;
+        return {};
     }
-    if (key == "level") {
-        auto level = parse_level(value);
-        if (!level) {
-            config_error(path, lineno, "unknown level '" + std::string(value) + "'");
-            return false;
-        }
-        cfg.level = *level;
-        return true;
-    }
-    config_error(path, lineno, "unknown key '" + std::string(key) + "'");
-    return false;
+    if (key != "level")
+        return "unknown key '" + key + "'";
+    auto level = parse_level(value);
+    if (!level)
+        return "unknown level '" + value + "'";
+    cfg.level = *level;
+    return {};
 }
 
 // Reads the configuration; an absent file gives the defaults, an unusable one nothing.
 std::optional<Config> read_config(const std::string &path)
 {
     Config cfg;
-    FILE *f = fopen(path.c_str(), "re");
-    if (!f) {
-        if (errno == ENOENT)
-            return cfg;
-        config_error(path, 0, strerror(errno));
-        return std::nullopt;
-    }
-    std::unique_ptr<FILE, int (*)(FILE *)> holder(f, fclose);
+    std::unique_ptr<FILE, int (*)(FILE *)> f(fopen(path.c_str(), "re"), fclose);
+    if (!f && errno == ENOENT)
+        return cfg;
+    std::string error = f ? "" : strerror(errno);
     char *raw = nullptr;
     size_t cap = 0;
     ssize_t len;
     int lineno = 0;
-    bool ok = true;
-    while (ok && (len = getline(&raw, &cap, f)) >= 0) {
+    while (error.empty() && (len = getline(&raw, &cap, f.get())) >= 0) {
         ++lineno;
-        std::string_view line(raw, static_cast<size_t>(len));
-        if (!line.empty() && line.back() == '\n')
-            line.remove_suffix(1);
-        line = trim(line);
-        if (line.empty() || line.front() == '#')
-            continue;
-        ok = apply_line(cfg, line, path, lineno);
+        std::string_view line = trim(std::string_view(raw, static_cast<size_t>(len)));
+        if (!line.empty() && line.front() != '#')
+            error = apply_line(cfg, line);
     }
     free(raw);
-    if (ok && ferror(f)) {
-        config_error(path, lineno, strerror(errno));
-        ok = false;
-    }
-    return ok ? std::optional<Config>(cfg) : std::nullopt;
-}
-
-void make_parent_dirs(const std::string &path)
-{
-    for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1))
-        mkdir(path.substr(0, pos).c_str(), 0755);
+    if (error.empty() && ferror(f.get()))
+        error = strerror(errno);
+    if (error.empty())
+        return cfg;
+    std::string where = lineno ? path + ":" + std::to_string(lineno) : path;
+    fprintf(stderr, "kx_zlog: %s: %s\n", where.c_str(), error.c_str());
+    return std::nullopt;
 }
 
 bool open_output(kx_zlog_category &cat, const std::string &output, const char *module)
@@ -302,7 +273,7 @@ kx_zlog_category_t *kx_zlog_init(const char *module)
         output = kx_root_path("/var/log/");
         output += module;
         output += ".log";
-        make_parent_dirs(output);
+        kx::make_parent_dirs(output);
     }
 
     auto cat = std::make_unique<kx_zlog_category>();
@@ -332,10 +303,8 @@ void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, c
         append_time(record);
         record += ' ';
     }
-    if (const Level *l = level_by_number(level))
-        record += l->name;
-    else
-        record += std::to_string(level);
+    const Level *named = level_by_number(level);
+    record += named ? std::string(named->name) : std::to_string(level);
     record += " [" + std::to_string(getpid()) + ':';
     append_escaped(record, bounded(file, filelen));
     record += ':';
@@ -344,8 +313,7 @@ void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, c
     append_escaped(record, message);
 
     if (category->output == kx_zlog_category::Output::syslog) {
-        const Level *l = level_by_number(level);
-        syslog(l ? l->syslog_priority : LOG_INFO, "%s", record.c_str());
+        syslog(named ? named->syslog_priority : LOG_INFO, "%s", record.c_str());
         return;
     }
     record += '\n';

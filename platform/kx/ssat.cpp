@@ -32,7 +32,6 @@
 #include <string>
 #include <string_view>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include <event2/event.h>
@@ -54,24 +53,17 @@ constexpr size_t max_clients = 64;
 constexpr timeval idle_timeout{5, 0};
 constexpr timeval accept_pause{1, 0};
 
-enum class Format { none, num, word_num };
-
-struct FormatInfo {
-    Format format;
+struct Format {
     std::string_view text;
-    int arity;
+    size_t arity;
 };
 
-constexpr FormatInfo formats[] = {
-    {Format::none, "void", 0},
-    {Format::num, "%d", 1},
-    {Format::word_num, "%s %d", 2},
-};
+constexpr Format formats[] = {{"void", 0}, {"%d", 1}, {"%s %d", 2}};
 
 struct Command {
     std::string name;
-    const FormatInfo *format;
-    ssat_fn fn;
+    const Format *format;
+    ssat_fn fn; // null for the shell's own `help`
     ssat_thunk thunk;
 };
 
@@ -95,17 +87,9 @@ bool valid_command(const char *cmd)
     return std::all_of(cmd, cmd + strlen(cmd), [](char c) { return c > ' ' && c < 0x7f; });
 }
 
-const FormatInfo *find_format(std::string_view text)
-{
-    for (const auto &f : formats)
-        if (f.text == text)
-            return &f;
-    return nullptr;
-}
-
 std::optional<Command> find_command(std::string_view module, std::string_view name)
 {
-    if (name == "help") // the shell's own: listed by execute, never a handler
+    if (name == "help")
         return Command{"help", &formats[0], nullptr, nullptr};
     std::lock_guard lock(commands_mutex);
     auto it = commands.find(module);
@@ -124,32 +108,22 @@ std::string help_text(std::string_view module)
     if (auto it = commands.find(module); it != commands.end())
         for (const auto &c : it->second)
             text += c.name + " " + std::string(c.format->text) + "\n";
-    text += "help void\n";
-    return text;
+    return text + "help void\n";
 }
 
 // ---- parsing a request line -------------------------------------------------------
 
-bool is_blank(char c)
-{
-    return c == ' ' || c == '\t';
-}
-
 // The words of `line`, or nothing when it holds a byte that is not printable ASCII.
 std::optional<std::vector<std::string_view>> split_words(std::string_view line)
 {
+    constexpr std::string_view blanks = " \t";
+    if (std::any_of(line.begin(), line.end(), [](char c) { return (c < ' ' && c != '\t') || c >= 0x7f; }))
+        return std::nullopt;
     std::vector<std::string_view> words;
-    size_t start = std::string_view::npos;
-    for (size_t i = 0; i <= line.size(); ++i) {
-        bool end = i == line.size() || is_blank(line[i]);
-        if (!end && (line[i] < ' ' || line[i] >= 0x7f))
-            return std::nullopt;
-        if (end && start != std::string_view::npos) {
-            words.push_back(line.substr(start, i - start));
-            start = std::string_view::npos;
-        } else if (!end && start == std::string_view::npos) {
-            start = i;
-        }
+    for (size_t pos = line.find_first_not_of(blanks); pos != std::string_view::npos;) {
+        size_t end = line.find_first_of(blanks, pos);
+        words.push_back(line.substr(pos, end - pos));
+        pos = line.find_first_not_of(blanks, end);
     }
     return words;
 }
@@ -157,59 +131,13 @@ std::optional<std::vector<std::string_view>> split_words(std::string_view line)
 // A whole decimal signed 32-bit integer: optional sign, digits, nothing else.
 std::optional<int32_t> parse_int32(std::string_view text)
 {
-    bool plus = !text.empty() && text.front() == '+';
-    if (plus)
+    if (text.starts_with('+') && !text.starts_with("+-"))
         text.remove_prefix(1);
-    if (text.empty() ||
-        !(isdigit(static_cast<unsigned char>(text.front())) || (!plus && text.front() == '-')))
-        return std::nullopt;
     int32_t value = 0;
     auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (ec != std::errc() || end != text.data() + text.size())
         return std::nullopt;
     return value;
-}
-
-struct Call {
-    Command command;
-    std::string word;
-    int32_t num = 0;
-};
-
-// The call a line asks for, or the reason it cannot be made.
-std::variant<Call, std::string> parse_request(std::string_view module, std::string_view line)
-{
-    auto words = split_words(line);
-    if (!words)
-        return std::string("line holds bytes that are not printable text");
-    if (words->empty())
-        return std::string("empty command line");
-    std::string name((*words)[0]);
-    auto command = find_command(module, name);
-    if (!command)
-        return "unknown command '" + name + "' (try help)";
-    const FormatInfo &format = *command->format;
-    std::string usage = name + ": expected " +
-                        (format.format == Format::none ? "no argument" : std::string(format.text));
-    size_t given = words->size() - 1;
-    if (given != static_cast<size_t>(format.arity))
-        return usage + ", got " + std::to_string(given) + " argument" + (given == 1 ? "" : "s");
-
-    Call call{*command, {}, 0};
-    if (format.format == Format::none)
-        return call;
-    std::string_view num_text = words->back();
-    if (format.format == Format::word_num) {
-        std::string_view word = (*words)[1];
-        if (word.size() > max_word)
-            return usage + ", got a word longer than " + std::to_string(max_word) + " bytes";
-        call.word = word;
-    }
-    auto num = parse_int32(num_text);
-    if (!num)
-        return usage + ", got '" + std::string(num_text) + "', not a 32-bit integer";
-    call.num = *num;
-    return call;
 }
 
 // ---- running a handler with standard output captured ---------------------------------
@@ -260,24 +188,6 @@ private:
     int saved_;
 };
 
-std::optional<std::string> read_all(int fd)
-{
-    struct stat st{};
-    if (fstat(fd, &st) != 0)
-        return std::nullopt;
-    std::string data(static_cast<size_t>(st.st_size), '\0');
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = pread(fd, data.data() + done, data.size() - done, static_cast<off_t>(done));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return std::nullopt;
-        done += static_cast<size_t>(n);
-    }
-    return data;
-}
-
 std::string error_reply(std::string_view reason)
 {
     return "ERR " + std::string(reason) + "\n";
@@ -288,7 +198,8 @@ std::string ok_reply(std::string_view output)
     return "OK " + std::to_string(output.size()) + "\n" + std::string(output);
 }
 
-std::string run_call(const Call &call)
+// Runs the handler with standard output in a memory file, then reads that file back.
+std::string run_handler(const Command &command, const ssat_args &args)
 {
     // Above the standard descriptors, so that a closed stdout cannot be handed the memfd.
     FdHolder memfd(memfd_create("ssat-stdout", MFD_CLOEXEC));
@@ -296,60 +207,81 @@ std::string run_call(const Call &call)
         memfd.reset(fcntl(memfd.get(), F_DUPFD_CLOEXEC, 3));
     if (memfd.get() < 0)
         return error_reply(std::string("cannot capture output: ") + strerror(errno));
-    ssat_args args{call.word.c_str(), call.num};
     {
         StdoutRedirect redirect(memfd.get());
-        call.command.thunk(call.command.fn, &args);
+        command.thunk(command.fn, &args);
     }
-    auto output = read_all(memfd.get());
-    if (!output)
+    struct stat st{};
+    if (fstat(memfd.get(), &st) != 0)
         return error_reply(std::string("cannot read the command's output: ") + strerror(errno));
-    return ok_reply(*output);
+    std::string output(static_cast<size_t>(st.st_size), '\0');
+    if (pread(memfd.get(), output.data(), output.size(), 0) != st.st_size)
+        return error_reply(std::string("cannot read the command's output: ") + strerror(errno));
+    return ok_reply(output);
 }
 
+// The reply to one request line: the handler's output, or why it did not run.
 std::string execute(std::string_view module, std::string_view line)
 {
-    auto request = parse_request(module, line);
-    if (auto *reason = std::get_if<std::string>(&request))
-        return error_reply(*reason);
-    const Call &call = std::get<Call>(request);
-    if (call.command.name == "help")
-        return ok_reply(help_text(module));
-    return run_call(call);
+    auto words = split_words(line);
+    if (!words)
+        return error_reply("line holds bytes that are not printable text");
+    if (words->empty())
+        return error_reply("empty command line");
+    std::string name((*words)[0]);
+    auto command = find_command(module, name);
+    if (!command)
+        return error_reply("unknown command '" + name + "' (try help)");
+    const Format &format = *command->format;
+    std::string usage = name + ": expected " +
+                        (format.arity == 0 ? "no argument" : std::string(format.text)) + ", got ";
+    size_t given = words->size() - 1;
+    if (given != format.arity)
+        return error_reply(usage + std::to_string(given) + " argument" + (given == 1 ? "" : "s"));
+    std::string word;
+    ssat_args args{"", 0};
+    if (format.arity == 2) {
+        word = (*words)[1];
+        if (word.size() > max_word)
+            return error_reply(usage + "a word longer than " + std::to_string(max_word) + " bytes");
+        args.word = word.c_str();
+    }
+    if (format.arity > 0) {
+        auto num = parse_int32(words->back());
+        if (!num)
+            return error_reply(usage + "'" + std::string(words->back()) + "', not a 32-bit integer");
+        args.num = *num;
+    }
+    return command->fn ? run_handler(*command, args) : ok_reply(help_text(module));
 }
-
-} // namespace
 
 // ---- connections ---------------------------------------------------------------------
 
-namespace kx {
+struct Listener;
 
-struct ssat_listener;
-
-struct ssat_client {
-    ssat_listener *owner;
+struct Client {
+    Listener *owner;
     int fd;
     event *on_read = nullptr;
     event *on_write = nullptr;
     event *on_timeout = nullptr;
     std::string line;  // the request so far
-    std::string reply; // once known
+    std::string reply; // once known: never empty, every reply has a status line
     size_t sent = 0;
-    bool replying = false;
 
-    ssat_client(ssat_listener *l, int client_fd) : owner(l), fd(client_fd) {}
-    ~ssat_client()
+    Client(Listener *l, int client_fd) : owner(l), fd(client_fd) {}
+    ~Client()
     {
         for (event *ev : {on_read, on_write, on_timeout})
             if (ev)
                 event_free(ev);
         close(fd);
     }
-    ssat_client(const ssat_client &) = delete;
-    ssat_client &operator=(const ssat_client &) = delete;
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
 };
 
-struct ssat_listener {
+struct Listener {
     event_base *base;
     std::string module;
     std::string path;
@@ -357,32 +289,20 @@ struct ssat_listener {
     ino_t inode = 0;
     event *on_accept = nullptr;
     event *on_resume = nullptr;
-    std::vector<std::unique_ptr<ssat_client>> clients;
+    std::vector<std::unique_ptr<Client>> clients;
 
-    ssat_listener(event_base *b, std::string m) : base(b), module(std::move(m)) {}
-    ~ssat_listener();
-    ssat_listener(const ssat_listener &) = delete;
-    ssat_listener &operator=(const ssat_listener &) = delete;
+    Listener(event_base *b, std::string m) : base(b), module(std::move(m)) {}
+    ~Listener();
+    Listener(const Listener &) = delete;
+    Listener &operator=(const Listener &) = delete;
 };
 
-struct ssat_state {
-    std::vector<std::unique_ptr<ssat_listener>> listeners;
-};
-
-} // namespace kx
-
-namespace {
-
-using kx::ssat_client;
-using kx::ssat_listener;
-
-void drop(ssat_client *c)
+void drop(Client *c)
 {
-    auto &clients = c->owner->clients;
-    std::erase_if(clients, [c](const auto &p) { return p.get() == c; });
+    std::erase_if(c->owner->clients, [c](const auto &p) { return p.get() == c; });
 }
 
-void try_send(ssat_client *c)
+void try_send(Client *c)
 {
     while (c->sent < c->reply.size()) {
         ssize_t n = send(c->fd, c->reply.data() + c->sent, c->reply.size() - c->sent,
@@ -393,20 +313,17 @@ void try_send(ssat_client *c)
             event_add(c->on_write, nullptr);
             return;
         }
-        if (n <= 0) { // gone (EPIPE, ECONNRESET): nothing more to do for it
-            drop(c);
-            return;
-        }
+        if (n <= 0) // gone (EPIPE, ECONNRESET): nothing more to do for it
+            break;
         c->sent += static_cast<size_t>(n);
         evtimer_add(c->on_timeout, &idle_timeout); // progress: the client is reading
     }
     drop(c);
 }
 
-void start_reply(ssat_client *c, std::string reply)
+void start_reply(Client *c, std::string reply)
 {
     event_del(c->on_read);
-    c->replying = true;
     c->reply = std::move(reply);
     evtimer_add(c->on_timeout, &idle_timeout);
     try_send(c);
@@ -414,13 +331,13 @@ void start_reply(ssat_client *c, std::string reply)
 
 void on_client_writable(evutil_socket_t, short, void *arg)
 {
-    try_send(static_cast<ssat_client *>(arg));
+    try_send(static_cast<Client *>(arg));
 }
 
 void on_client_timeout(evutil_socket_t, short, void *arg)
 {
-    auto *c = static_cast<ssat_client *>(arg);
-    if (c->replying)
+    auto *c = static_cast<Client *>(arg);
+    if (!c->reply.empty())
         drop(c); // it stopped reading its reply
     else
         start_reply(c, error_reply("no command line within 5 s"));
@@ -428,26 +345,20 @@ void on_client_timeout(evutil_socket_t, short, void *arg)
 
 void on_client_readable(evutil_socket_t, short, void *arg)
 {
-    auto *c = static_cast<ssat_client *>(arg);
+    auto *c = static_cast<Client *>(arg);
     char buf[1024];
     ssize_t n = recv(c->fd, buf, sizeof buf, 0);
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
         return;
-    if (n <= 0) { // gone before its line was complete: nothing runs
-        drop(c);
-        return;
-    }
+    if (n <= 0) // gone before its line was complete: nothing runs
+        return drop(c);
     size_t scanned = c->line.size();
     c->line.append(buf, static_cast<size_t>(n));
-    size_t eol = c->line.find('\n', scanned);
-    if (eol == std::string::npos ? c->line.size() > max_line : eol > max_line) {
-        start_reply(c, error_reply("line longer than 4096 bytes"));
-        return;
-    }
-    if (eol == std::string::npos)
-        return;
-    c->line.resize(eol);
-    start_reply(c, execute(c->owner->module, c->line));
+    size_t eol = std::min(c->line.find('\n', scanned), c->line.size());
+    if (eol > max_line)
+        return start_reply(c, error_reply("line longer than 4096 bytes"));
+    if (eol < c->line.size())
+        start_reply(c, execute(c->owner->module, std::string_view(c->line).substr(0, eol)));
 }
 
 // Refuses a connection with one line; the socket is fresh, so the line fits its buffer.
@@ -467,13 +378,13 @@ bool peer_allowed(int fd)
     return cred.uid == 0 || cred.uid == geteuid();
 }
 
-void add_client(ssat_listener *l, int fd)
+void add_client(Listener *l, int fd)
 {
     if (!peer_allowed(fd))
         return refuse(fd, "permission denied");
     if (l->clients.size() >= max_clients)
         return refuse(fd, "too many clients, try again");
-    auto c = std::make_unique<ssat_client>(l, fd);
+    auto c = std::make_unique<Client>(l, fd);
     c->on_read = event_new(l->base, fd, EV_READ | EV_PERSIST, on_client_readable, c.get());
     c->on_write = event_new(l->base, fd, EV_WRITE, on_client_writable, c.get());
     c->on_timeout = evtimer_new(l->base, on_client_timeout, c.get());
@@ -485,7 +396,7 @@ void add_client(ssat_listener *l, int fd)
 
 void on_accept(evutil_socket_t, short, void *arg)
 {
-    auto *l = static_cast<ssat_listener *>(arg);
+    auto *l = static_cast<Listener *>(arg);
     for (;;) {
         int fd = accept4(l->fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd >= 0) {
@@ -506,8 +417,24 @@ void on_accept(evutil_socket_t, short, void *arg)
 
 void on_resume(evutil_socket_t, short, void *arg)
 {
-    auto *l = static_cast<ssat_listener *>(arg);
-    event_add(l->on_accept, nullptr);
+    event_add(static_cast<Listener *>(arg)->on_accept, nullptr);
+}
+
+Listener::~Listener()
+{
+    clients.clear();
+    for (event *ev : {on_accept, on_resume})
+        if (ev)
+            event_free(ev);
+    if (fd < 0)
+        return;
+    close(fd);
+    // Only our own socket: never one that replaced it in the meantime.
+    struct stat st{};
+    if (lstat(path.c_str(), &st) == 0 && st.st_ino == inode)
+        unlink(path.c_str());
+    std::lock_guard lock(commands_mutex);
+    commands.erase(module);
 }
 
 // ---- the listening socket ------------------------------------------------------------
@@ -518,16 +445,10 @@ int32_t fail(const std::string &what, int err)
     return SSAT_ESOCKET;
 }
 
-void make_parent_dirs(const std::string &path)
-{
-    for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1))
-        mkdir(path.substr(0, pos).c_str(), 0755);
-}
-
 // The socket directory, private to the daemon's user.
 int32_t prepare_dir(const std::string &dir)
 {
-    make_parent_dirs(dir);
+    kx::make_parent_dirs(dir);
     if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST)
         return fail(dir, errno);
     struct stat st{};
@@ -575,7 +496,7 @@ int32_t clear_stale(const std::string &path)
     return 0;
 }
 
-int32_t open_listener(ssat_listener &l)
+int32_t open_listener(Listener &l)
 {
     std::string dir = kx_root_path("/var/run/ssat");
     l.path = dir + "/" + l.module + ".sock";
@@ -612,22 +533,10 @@ int32_t open_listener(ssat_listener &l)
 
 } // namespace
 
-kx::ssat_listener::~ssat_listener()
-{
-    clients.clear();
-    for (event *ev : {on_accept, on_resume})
-        if (ev)
-            event_free(ev);
-    if (fd < 0)
-        return;
-    close(fd);
-    // Only our own socket: never one that replaced it in the meantime.
-    struct stat st{};
-    if (lstat(path.c_str(), &st) == 0 && st.st_ino == inode)
-        unlink(path.c_str());
-    std::lock_guard lock(commands_mutex);
-    commands.erase(module);
-}
+// One listener per module served from this handle.
+struct kx::ssat_state {
+    std::vector<std::unique_ptr<Listener>> listeners;
+};
 
 void kx::ssat_release(kx_global_t *global)
 {
@@ -647,7 +556,7 @@ int32_t ssat_lib_init(kx_global_t *global, const char *module)
     for (const auto &l : listeners)
         if (l->module == module)
             return 0;
-    auto l = std::make_unique<ssat_listener>(global->base, module);
+    auto l = std::make_unique<Listener>(global->base, module);
     if (int32_t rc = open_listener(*l); rc != 0)
         return rc;
     listeners.push_back(std::move(l));
@@ -660,8 +569,9 @@ int32_t ssat_reg_mod_cmd_impl(const char *module, const char *cmd, uint32_t flag
     (void)flags; // no flags are defined
     if (!valid_module(module) || !valid_command(cmd) || !format || !fn || !thunk)
         return SSAT_EINVAL;
-    const FormatInfo *info = find_format(format);
-    if (!info || info->arity != arity)
+    auto info = std::find_if(std::begin(formats), std::end(formats),
+                             [format](const Format &f) { return f.text == format; });
+    if (info == std::end(formats) || info->arity != static_cast<size_t>(arity))
         return SSAT_EINVAL;
     if (strcmp(cmd, "help") == 0)
         return SSAT_EEXIST;
