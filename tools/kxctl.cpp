@@ -67,15 +67,6 @@ constexpr const char *usage_text =
 
 // ---- messages --------------------------------------------------------------------------
 
-struct MsgFree {
-    void operator()(ProtobufCMessage *m) const { kx_mom_kx_obj_free(m); }
-};
-using Msg = std::unique_ptr<ProtobufCMessage, MsgFree>;
-struct ResFree {
-    void operator()(kx_mom_hash_res *r) const { kx_mom_hash_res_free(r); }
-};
-using HashRes = std::unique_ptr<kx_mom_hash_res, ResFree>;
-
 using Field = ProtobufCFieldDescriptor;
 using Table = ProtobufCMessageDescriptor;
 
@@ -327,7 +318,7 @@ int store_failure(const std::string &what, int32_t rc)
 struct Request {
     const Table *table = nullptr;
     int db = -1;
-    Msg record; // index and values as given
+    kx::Message record; // index and values as given
     std::vector<const Field *> index_given;
     std::vector<int32_t> value_tags; // in the order given
 };
@@ -413,7 +404,7 @@ int cmd_get(Session &s, Request &req)
     std::string key = kx::record_key(req.record.get());
     if (kx::stored_whole(req.table)) {
         int32_t err = 0;
-        Msg obj(static_cast<ProtobufCMessage *>(
+        kx::Message obj(static_cast<ProtobufCMessage *>(
             kx_mom_get_sync(s.global, req.db, req.record.get(), &err)));
         if (!obj || err != 0)
             return store_failure("cannot read " + key, err);
@@ -421,7 +412,7 @@ int cmd_get(Session &s, Request &req)
         fputs(render(nullptr, key, obj.get(), &fields).c_str(), stdout);
         return 0;
     }
-    HashRes res(kx_mom_hgetall_sync(s.global, req.db, req.record.get()));
+    kx::HashRes res(kx_mom_hgetall_sync(s.global, req.db, req.record.get()));
     if (!res)
         return fail(exit_store, "cannot read " + key + ": connection lost");
     if (res->error_code != 0)
@@ -490,7 +481,7 @@ int32_t on_scanned(kx_global_t *, kx_mom_msg *pmsg, void *privdata)
     if (res->error_code != 0 || !res->obj) {
         // Reported when it may be one of the records asked for: its key tells.
         std::string ignored;
-        Msg keyed(kx::parse_key(pmsg->table, key, &ignored));
+        kx::Message keyed(kx::parse_key(pmsg->table, key, &ignored));
         if (!scan->filter || !keyed || matches(*scan->filter, keyed.get())) {
             fprintf(stderr, "kxctl: skipped %s (%d)\n", key, res->error_code);
             ++scan->unreadable;
@@ -507,7 +498,7 @@ int32_t on_scanned(kx_global_t *, kx_mom_msg *pmsg, void *privdata)
 int scan_table(Session &s, int db, const Table *table, const Request *filter, Visit visit)
 {
     ScanState scan{filter, std::move(visit)};
-    Msg key(kx::new_record(table)); // an index at its defaults selects the whole table
+    kx::Message key(kx::new_record(table)); // an index at its defaults selects the whole table
     int32_t rc = kx_mom_scan_sync(s.global, db, key.get(), 0, on_scanned, &scan);
     if (rc != 0)
         return store_failure(std::string("cannot scan ") + table->name, rc);
@@ -607,7 +598,7 @@ int32_t on_reconnect(kx_global_t *, int32_t db, int32_t type)
 
 int cmd_watch(Session &s, Request &req)
 {
-    Msg key(kx::new_record(req.table)); // the whole table; the index given filters
+    kx::Message key(kx::new_record(req.table)); // the whole table; the index given filters
     int32_t rc = kx_mom_client_set_disconnect_cb(s.global, req.db, on_disconnect, 0);
     if (rc == 0)
         rc = kx_mom_client_set_reconnect_cb(s.global, req.db, on_reconnect, 0);

@@ -103,21 +103,31 @@ int connect_daemon(const std::string &module, const std::string &path)
 }
 
 // Reads the reply to its end (the daemon closes the connection after it) and passes
-// on the status line's verdict and the announced bytes.
-int relay_reply(int fd, const std::string &module)
+// on the status line's verdict and the announced bytes. `send_error` is why the line
+// could not be sent, or 0: a daemon refusing a client may do so before reading its
+// line, and its reason is read all the same.
+int relay_reply(int fd, const std::string &module, int send_error)
 {
     std::string reply;
     char buf[65536];
-    ssize_t n;
-    while ((n = recv(fd, buf, sizeof buf, 0)) != 0) {
-        if (n < 0 && errno != EINTR) // EINTR: stopped and continued
+    int read_error = 0;
+    for (;;) {
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n > 0) {
+            reply.append(buf, static_cast<size_t>(n));
+        } else if (n == 0 || errno != EINTR) { // EINTR: stopped and continued
+            read_error = n < 0 ? errno : 0;
             break;
-        reply.append(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+        }
     }
     size_t eol = reply.find('\n');
+    if (eol == std::string::npos && send_error) {
+        fprintf(stderr, "ssat: cannot send to %s: %s\n", module.c_str(), strerror(send_error));
+        return exit_unreachable;
+    }
     if (eol == std::string::npos) {
-        fprintf(stderr, "ssat: no reply from %s%s%s\n", module.c_str(), n < 0 ? ": " : "",
-                n < 0 ? strerror(errno) : "");
+        fprintf(stderr, "ssat: no reply from %s%s%s\n", module.c_str(), read_error ? ": " : "",
+                read_error ? strerror(read_error) : "");
         return exit_refused;
     }
     std::string status = reply.substr(0, eol);
@@ -127,9 +137,8 @@ int relay_reply(int fd, const std::string &module)
         return exit_refused;
     }
     char *end = nullptr;
-    unsigned long long expected = status.starts_with("OK ") && isdigit(static_cast<unsigned char>(status[3]))
-                                      ? strtoull(status.c_str() + 3, &end, 10)
-                                      : 0;
+    bool ok = status.starts_with("OK ") && isdigit(static_cast<unsigned char>(status[3]));
+    unsigned long long expected = ok ? strtoull(status.c_str() + 3, &end, 10) : 0;
     if (!end || *end != '\0') {
         fprintf(stderr, "ssat: unexpected reply from %s: %s\n", module.c_str(), status.c_str());
         return exit_refused;
@@ -169,13 +178,11 @@ int main(int argc, char **argv)
 
     std::string path = kx_root_path("/var/run/ssat/");
     path += module + ".sock";
-    signal(SIGPIPE, SIG_IGN); // a daemon that refuses us early is read, not fatal
+    signal(SIGPIPE, SIG_IGN); // a daemon that refuses the client early is read, not fatal
     int fd = connect_daemon(module, path);
     if (fd < 0)
         return exit_unreachable;
-    int rc = write_all(fd, line) ? relay_reply(fd, module) : exit_unreachable;
-    if (rc == exit_unreachable)
-        fprintf(stderr, "ssat: cannot send to %s: %s\n", module.c_str(), strerror(errno));
+    int rc = relay_reply(fd, module, write_all(fd, line) ? 0 : errno);
     close(fd);
     return rc;
 }
