@@ -1,35 +1,12 @@
-// Dependency readiness against the in-memory store: subscriptions in bucket order, the
-// catch-up read, the readiness latch, and the publication checks it triggers.
-#include <string>
-#include <vector>
+// Dependency readiness: what each delivery to a module's subscription does (the catch-up
+// read among them), the readiness latch, and the subscription pass.
+#include <algorithm>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "kx_double.h"
-#include "vek_cap.h"
 #include "vek_cap_fixture.h"
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
-std::string brief(int level, const char *func, const std::string &text)
-{
-    return std::string(kxd::level_name(level)) + " app/vek_cap/vek_cap " + func + ": " + text;
-}
-std::string err(const char *func, const std::string &text) { return brief(KX_ZLOG_LEVEL_ERROR, func, text); }
-std::string warn(const char *func, const std::string &text) { return brief(KX_ZLOG_LEVEL_WARN, func, text); }
-std::string info(const char *func, const std::string &text) { return brief(KX_ZLOG_LEVEL_INFO, func, text); }
-
-bool logged(const std::string &text)
-{
-    for (const auto &rec : kxd::logs())
-        if (rec.text == text)
-            return true;
-    return false;
-}
 
 vek_cap_dep_item *item_of(const char *name)
 {
@@ -38,303 +15,127 @@ vek_cap_dep_item *item_of(const char *name)
     return vek_cap_find_dep_hash(&key);
 }
 
-int ready_of(const char *name) { return item_of(name) ? item_of(name)->ready : -1; }
-
-struct DepRecord {
-    SFrame__CapDepIndex index = S_FRAME__CAP_DEP_INDEX__INIT;
-    SFrame__CapDep dep = S_FRAME__CAP_DEP__INIT;
-    DepRecord(const char *name, bool ready)
-    {
-        index.module = const_cast<char *>(name);
-        dep.index = &index;
-        dep.ready = ready;
-    }
-};
+// The ready byte of each module, '-' for one the registry does not hold.
+std::string readiness(std::initializer_list<const char *> names)
+{
+    std::string out;
+    for (const char *name : names)
+        out += item_of(name) ? char('0' + item_of(name)->ready) : '-';
+    return out;
+}
 
 class DepReadiness : public vek_cap_test::DaemonTest {
 protected:
     void SetUp() override
     {
         DaemonTest::SetUp();
-        vek_cap_test::start_daemon_state(5);
-        g_vek_cap_card = {0x10, 5, 5, 1, 0, 0};
-        g_vek_local_ready = 1;
+        vek_cap_test::start_daemon_state(1);
+        kxd::set_clock(12, 34);
         ASSERT_EQ(vek_cap_init_dep_hash(), 0);
-    }
-
-    static void add_modules(std::initializer_list<const char *> names)
-    {
-        for (const char *name : names) {
+        for (const char *name : {"A", "B", "C"}) {
             vek_cap_dep_item item;
             vek_cap_con_dep_info(&item, name, 0);
             vek_cap_insert_dep_hash(&item, 0);
         }
-        kxd::clear_logs();
-    }
-    // The start-up pass, then the store's confirmations.
-    static void subscribe_all()
-    {
-        vek_cap_walk_dep_hash(vek_cap_dep_validate, nullptr);
-        kxd::run();
-        kxd::clear_logs();
-        kxd::clear_calls();
-    }
-    // A module's record as a change notification carries it, without the store.
-    static void deliver(const char *name, bool ready)
-    {
-        DepRecord rec(name, ready);
-        kx_mom_hash_res res{};
-        res.obj = &rec.dep;
-        kx_mom_msg msg{};
-        msg.cmd = KX_MOM_CMD_HSET;
-        msg.data = &res;
-        EXPECT_EQ(vek_cap_dep_pmsg_f(g_vek_cap_global, &msg, nullptr), 0);
-    }
-    // Another process writes a module's record.
-    static void write_ready(const char *name, bool ready)
-    {
-        DepRecord rec(name, ready);
-        ASSERT_EQ(kxd::writer_hset(VEK_CAP_DB_HOST, &rec.dep.base, {6}), 0);
-        kxd::run();
-    }
-    static void seed_ready(const char *name, bool ready)
-    {
-        DepRecord rec(name, ready);
-        kxd::seed_hash(VEK_CAP_DB_HOST, &rec.dep.base, {6});
     }
 };
 
-// A (hash & 3 = 3) sits in bucket 3, B (also 3) probes on to 0: bucket order is B, A.
-TEST_F(DepReadiness, SubscribesInBucketOrderAndCatchesUp)
+// A's record in the store says ready. A result left unreleased on any path shows as a leak
+// in the sanitized run.
+TEST_F(DepReadiness, EachDeliveryIsAppliedOrRefused)
 {
-    add_modules({"A", "B"});
-    seed_ready("A", true);
-    kxd::set_clock(12, 34);
-    EXPECT_EQ(vek_cap_walk_dep_hash(vek_cap_dep_validate, nullptr), 0);
-    ASSERT_EQ(kxd::subscriptions().size(), 2u);
-    EXPECT_EQ(kxd::subscriptions()[0].selection, "s_frame.cap_dep|B");
-    EXPECT_EQ(kxd::subscriptions()[1].selection, "s_frame.cap_dep|A");
-    EXPECT_EQ(kxd::subscriptions()[1].privdata, item_of("A"));
-    EXPECT_EQ(kxd::subscriptions()[1].db, VEK_CAP_DB_HOST);
-    EXPECT_THAT(kxd::logs(), IsEmpty()); // confirmations come from the loop
-
-    kxd::run();
-    EXPECT_EQ(ready_of("A"), 1);
-    EXPECT_EQ(ready_of("B"), 0);
-    EXPECT_EQ(g_vek_cap_sub_last_dep_mod.sec, 12u);
-    EXPECT_EQ(g_vek_cap_sub_last_dep_mod.usec, 34u);
-    EXPECT_THAT(kxd::log_briefs(),
-                ElementsAre(err("vek_cap_dep_pmsg_f", "DEP subscribe ok, module B 12:34"),
-                            info("vek_cap_dep_pro", "enter"),
-                            warn("vek_cap_dep_pro", "dep NULL, just return"),
-                            err("vek_cap_dep_pmsg_f", "DEP subscribe ok, module A 12:34"),
-                            info("vek_cap_dep_pro", "enter"),
-                            warn("vek_cap_dep_pro", "dep A, ready 1"),
-                            warn("vek_cap_chk_ready", "module B not ready"),
-                            warn("vek_cap_chk_ready", "module A not ready"),
-                            info("vek_cap_insert_dep_hash", "module A, ready 1 dir 1"),
-                            info("vek_cap_insert_dep_hash", "module A, found"),
-                            warn("vek_cap_glb_cap_db_validate", "node 0x10 devid 5, local_ready 1, global_ready 0"),
-                            warn("vek_cap_chk_ready", "module B not ready"),
-                            info("vek_cap_chk_ready", "module A ready"),
-                            warn("vek_cap_glb_cap_db_validate", "not all dep mod ready")));
+    kxd::put_raw(VEK_CAP_DB_HOST, "s_frame.cap_dep|A", {{"ready", "true"}});
+    SFrame__CapDepIndex a = S_FRAME__CAP_DEP_INDEX__INIT;
+    SFrame__CapDep a_ready = S_FRAME__CAP_DEP__INIT, no_index = S_FRAME__CAP_DEP__INIT;
+    a.module = const_cast<char *>("A");
+    a_ready.index = &a;
+    a_ready.ready = true;
+    kx_mom_hash_res none{}, ready = none, without_index = none;
+    ready.obj = &a_ready;
+    without_index.obj = &no_index;
+    const std::string e = "ERROR app/vek_cap/vek_cap ", f = e + "vek_cap_dep_pmsg_f: ", pro = e + "vek_cap_dep_pro: ";
+    const std::string subscribed = f + "DEP subscribe ok, module A 12:34", changed = f + "DEP enter, 12:34",
+                      failed = f + "failed,rv ";
+    // A delivery to A's subscription, a fault of the catch-up read, what is returned, and the
+    // whole log at level 1 (errors only).
+    struct Case { int32_t cmd; void *data; kxd::Fault read; int32_t rc; std::vector<std::string> log; };
+    const Case cases[] = {
+        {29, nullptr, {}, 0, {subscribed}},
+        {29, nullptr, {"kx_mom_hgetall_sync", 0, 1, kxd::Fail::Null}, -21,
+         {subscribed, pro + "result NULL", failed + "-21"}},
+        {29, nullptr, {"kx_mom_hgetall_sync", -1003}, -21,
+         {subscribed, pro + "result error_code -1003", failed + "-21"}},
+        {29, nullptr, {"kx_mom_hgetall_sync", -1002, 1, kxd::Fail::WithObject}, -21,
+         {subscribed, pro + "result error_code -1002", failed + "-21"}},
+        {4, &ready, {}, 0, {changed}},
+        {7, &ready, {}, 0, {}},     // not a cmd of this subscription: nothing changes
+        {4, &none, {}, 0, {changed}}, // the module has not written its record yet
+        {6, nullptr, {}, -21, {changed, pro + "result NULL", failed + "-21"}},
+        {4, &without_index, {}, -4, {changed, pro + "dep->index NULL pointer, addr error!\n", failed + "-4"}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << "cmd " << c.cmd << " " << c.read.call << " " << c.rc);
+        item_of("A")->ready = 0;
+        g_vek_cap_sub_last_dep_mod = g_vek_cap_recv_last_dep_mod = {};
+        kxd::clear_logs();
+        kxd::clear_calls();
+        kxd::inject(c.read);
+        kx_mom_msg msg{VEK_CAP_DB_HOST, nullptr, c.cmd, c.data, nullptr, 0};
+        EXPECT_EQ(vek_cap_dep_pmsg_f(g_vek_cap_global, &msg, item_of("A")), c.rc);
+        const bool read = c.cmd == KX_MOM_CMD_SUBSCRIBED;
+        // A's record, read or carried, is applied unless refused.
+        EXPECT_EQ(readiness({"A", "B", "C"}), c.rc == 0 && c.cmd != 7 && c.data != &none ? "100" : "000");
+        EXPECT_EQ(kxd::trace("kx_mom_"), std::vector<std::string>(read, "kx_mom_hgetall_sync 3 s_frame.cap_dep|A"));
+        EXPECT_EQ(kxd::log_briefs(), c.log);
+        EXPECT_EQ(g_vek_cap_sub_last_dep_mod.sec, read ? 12u : 0u);
+        EXPECT_EQ(g_vek_cap_recv_last_dep_mod.sec, c.cmd == 4 || c.cmd == 6 ? 12u : 0u);
+    }
 }
 
+// Before the latch every record is applied and publication is tried; once every module is
+// ready, records are ignored.
 TEST_F(DepReadiness, RecordsApplyUntilEveryModuleIsReadyThenLatch)
 {
-    add_modules({"A", "B"});
-    subscribe_all();
-    struct Step {
-        const char *module;
-        bool ready;
-        int want_a, want_b;
-        bool latched; // the record is ignored
-    };
-    const Step steps[] = {
-        {"A", true, 1, 0, false},
-        {"A", false, 0, 0, false}, // not ready again before the latch
-        {"A", true, 1, 0, false},
-        {"C", false, 1, 0, false}, // a module the directory did not list is added
-        {"C", true, 1, 0, false},
-        {"B", true, 1, 1, false},  // the last one: still applied
-        {"A", false, 1, 1, true},  // latched: A stays ready
-        {"D", false, 1, 1, true},
-    };
+    // A route for the whole table hands every module's record over as it is written.
+    SFrame__CapDep table = S_FRAME__CAP_DEP__INIT;
+    ASSERT_EQ(kx_mom_subscribe(g_vek_cap_global, VEK_CAP_DB_HOST, &table.base, 0, vek_cap_dep_pmsg_f, nullptr), 0);
+    kxd::run();
+    g_vek_cap_dbg_level = 2;
+    struct Step { const char *module; bool ready; const char *after; bool latched; };
+    const Step steps[] = {{"A", true, "100-", false},  {"A", false, "000-", false}, // not ready again
+                          {"A", true, "100-", false},  {"X", false, "1000", false}, // a module added
+                          {"X", true, "1001", false},  {"B", true, "1101", false},
+                          {"C", true, "1111", false},  {"A", false, "1111", true}}; // the last one, then latched
     for (const Step &step : steps) {
+        SCOPED_TRACE(std::string(step.module) + (step.ready ? " ready" : " not ready"));
         kxd::clear_logs();
-        // C and D have no subscription: their records are handed over directly.
-        if (step.module[0] == 'A' || step.module[0] == 'B')
-            write_ready(step.module, step.ready);
-        else
-            deliver(step.module, step.ready);
-        SCOPED_TRACE(std::string(step.module) + (step.ready ? " true" : " false"));
-        EXPECT_EQ(ready_of("A"), step.want_a);
-        EXPECT_EQ(ready_of("B"), step.want_b);
-        EXPECT_EQ(logged("all mod is ready not need to pro"), step.latched);
-        EXPECT_EQ(logged("node 0x10 devid 5, local_ready 1, global_ready 0"), !step.latched);
-        EXPECT_EQ(logged("not all dep mod ready"), !step.latched && step.want_b == 0);
-    }
-    EXPECT_EQ(ready_of("C"), 1);
-    EXPECT_EQ(ready_of("D"), -1);
-    EXPECT_EQ(g_vek_cap_dep_hash->size, 3u);
-}
-
-// The catch-up read's faults. A result left unreleased on any path shows as a leak in the
-// sanitized run.
-TEST_F(DepReadiness, CatchUpReadFailures)
-{
-    add_modules({"A"});
-    seed_ready("A", true);
-    struct Case {
-        const char *name;
-        void (*fault)();
-        int32_t rv;
-        std::vector<std::string> tail;
-    };
-    const Case cases[] = {
-        {"no result", [] { kxd::fail_null("kx_mom_hgetall_sync"); }, -21,
-         {err("vek_cap_dep_pro", "result NULL"), err("vek_cap_dep_pmsg_f", "failed,rv -21")}},
-        {"error code", [] { kxd::fail("kx_mom_hgetall_sync", KX_MOM_EPROTO); }, -21,
-         {err("vek_cap_dep_pro", "result error_code -1003"), err("vek_cap_dep_pmsg_f", "failed,rv -21")}},
-        {"object and error code", [] { kxd::fail_with_object("kx_mom_hgetall_sync", KX_MOM_EIO); }, -21,
-         {err("vek_cap_dep_pro", "result error_code -1002"), err("vek_cap_dep_pmsg_f", "failed,rv -21")}},
-        {"success", [] {}, 0,
-         {warn("vek_cap_glb_cap_db_validate", "node 0x10 devid 5, local_ready 1, global_ready 0")}},
-    };
-    for (const Case &tc : cases) {
-        SCOPED_TRACE(tc.name);
-        item_of("A")->ready = 0;
-        kxd::clear_logs();
-        kxd::clear_calls();
-        tc.fault();
-        kx_mom_msg msg{};
-        msg.cmd = KX_MOM_CMD_SUBSCRIBED;
-        EXPECT_EQ(vek_cap_dep_pmsg_f(g_vek_cap_global, &msg, item_of("A")), tc.rv);
-        EXPECT_EQ(ready_of("A"), tc.rv == 0 ? 1 : 0);
-        EXPECT_EQ(kxd::calls_named("kx_mom_hgetall_sync").size(), 1u);
-        const auto logs = kxd::log_briefs();
-        ASSERT_GE(logs.size(), tc.tail.size() + 1);
-        EXPECT_EQ(logs.front(), err("vek_cap_dep_pmsg_f", "DEP subscribe ok, module A 1000:0"));
-        if (tc.rv != 0)
-            EXPECT_EQ(std::vector<std::string>(logs.end() - tc.tail.size(), logs.end()), tc.tail);
-        else
-            EXPECT_TRUE(logged("node 0x10 devid 5, local_ready 1, global_ready 0"));
+        kxd::put_raw(VEK_CAP_DB_HOST, std::string("s_frame.cap_dep|") + step.module,
+                     {{"ready", step.ready ? "true" : "false"}}, true);
+        kxd::run();
+        EXPECT_EQ(readiness({"A", "B", "C", "X"}), step.after);
+        // Applied, the record is followed by the publication checks; latched, by nothing.
+        const std::string last = step.latched ? "vek_cap_dep_pro: all mod is ready not need to pro"
+                                              : "vek_cap_glb_cap_db_validate: node invalid -1";
+        EXPECT_EQ(kxd::log_briefs().back(), "WARN app/vek_cap/vek_cap " + last);
     }
 }
 
-TEST_F(DepReadiness, BadNotificationsChangeNothing)
-{
-    add_modules({"A"});
-    SFrame__CapDep no_index = S_FRAME__CAP_DEP__INIT;
-    SFrame__CapDepIndex no_module = S_FRAME__CAP_DEP_INDEX__INIT;
-    no_module.module = nullptr;
-    SFrame__CapDep dep_no_module = S_FRAME__CAP_DEP__INIT;
-    dep_no_module.index = &no_module;
-    kx_mom_hash_res res_no_index{};
-    res_no_index.obj = &no_index;
-    kx_mom_hash_res res_no_module{};
-    res_no_module.obj = &dep_no_module;
-    kx_mom_hash_res res_empty{};
-
-    struct Case {
-        const char *name;
-        bool with_global;
-        int32_t cmd;
-        void *data;
-        bool with_item;
-        int32_t rv;
-        std::vector<std::string> logs;
-    };
-    const Case cases[] = {
-        {"no global", false, KX_MOM_CMD_HSET, &res_empty, true, -4,
-         {err("vek_cap_dep_pmsg_f", "global NULL pointer, addr error!\n")}},
-        {"confirmation without item", true, KX_MOM_CMD_SUBSCRIBED, nullptr, false, -4,
-         {err("vek_cap_dep_pmsg_f", "privdata NULL pointer, addr error!\n")}},
-        {"unknown cmd", true, 7, &res_empty, true, 0, {info("vek_cap_dep_pmsg_f", "pmsg->cmd 7")}},
-        {"change without result", true, KX_MOM_CMD_HDEL, nullptr, true, -21,
-         {err("vek_cap_dep_pmsg_f", "DEP enter, 7:9"), err("vek_cap_dep_pro", "result NULL"),
-          err("vek_cap_dep_pmsg_f", "failed,rv -21")}},
-        {"record without index", true, KX_MOM_CMD_HSET, &res_no_index, true, -4,
-         {err("vek_cap_dep_pmsg_f", "DEP enter, 7:9"), info("vek_cap_dep_pro", "enter"),
-          err("vek_cap_dep_pro", "dep->index NULL pointer, addr error!\n"),
-          err("vek_cap_dep_pmsg_f", "failed,rv -4")}},
-        {"record without module", true, KX_MOM_CMD_HSET, &res_no_module, true, -4,
-         {err("vek_cap_dep_pmsg_f", "DEP enter, 7:9"), info("vek_cap_dep_pro", "enter"),
-          err("vek_cap_dep_pro", "dep->index->module NULL pointer, addr error!\n"),
-          err("vek_cap_dep_pmsg_f", "failed,rv -4")}},
-        {"no record yet", true, KX_MOM_CMD_HSET, &res_empty, true, 0,
-         {err("vek_cap_dep_pmsg_f", "DEP enter, 7:9"), info("vek_cap_dep_pro", "enter"),
-          warn("vek_cap_dep_pro", "dep NULL, just return")}},
-    };
-    for (const Case &tc : cases) {
-        SCOPED_TRACE(tc.name);
-        kxd::clear_logs();
-        kxd::clear_calls();
-        kxd::set_clock(7, 9);
-        g_vek_cap_sub_last_dep_mod = g_vek_cap_recv_last_dep_mod = {1, 1};
-        kx_mom_msg msg{};
-        msg.cmd = tc.cmd;
-        msg.data = tc.data;
-        EXPECT_EQ(vek_cap_dep_pmsg_f(tc.with_global ? g_vek_cap_global : nullptr, &msg,
-                                     tc.with_item ? item_of("A") : nullptr),
-                  tc.rv);
-        EXPECT_EQ(kxd::log_briefs(), tc.logs);
-        EXPECT_EQ(ready_of("A"), 0);
-        EXPECT_EQ(g_vek_cap_dep_hash->size, 1u);
-        EXPECT_THAT(kxd::trace("kx_mom_"), IsEmpty());
-        EXPECT_EQ(g_vek_cap_sub_last_dep_mod.sec, 1u);
-        const bool stamped = tc.cmd == KX_MOM_CMD_HSET || tc.cmd == KX_MOM_CMD_HDEL;
-        EXPECT_EQ(g_vek_cap_recv_last_dep_mod.sec, stamped && tc.with_global ? 7u : 1u);
-    }
-    kxd::clear_logs();
-    EXPECT_EQ(vek_cap_dep_pmsg_f(g_vek_cap_global, nullptr, item_of("A")), -4);
-    EXPECT_THAT(kxd::log_briefs(), ElementsAre(err("vek_cap_dep_pmsg_f", "pmsg NULL pointer, addr error!\n")));
-}
-
-// Bucket order of a, b, c in 4 buckets: c 0, a 1, b 2.
+// The pass stops at the first module whose subscription fails; the ones before it stay.
 TEST_F(DepReadiness, AFailedSubscriptionStopsThePass)
 {
-    add_modules({"a", "b", "c"});
-    kxd::fail("kx_mom_subscribe", KX_MOM_ENOTCONN, 2);
+    vek_cap_walk_dep_hash(vek_cap_dep_validate, nullptr);
+    const auto all = kxd::trace(); // every module once, in bucket order
+    ASSERT_EQ(all.size(), 3u);
+    kxd::reset();
+    kxd::inject({"kx_mom_subscribe", KX_MOM_ENOTCONN, 2});
     EXPECT_EQ(vek_cap_walk_dep_hash(vek_cap_dep_validate, nullptr), KX_MOM_ENOTCONN);
-    EXPECT_EQ(kxd::calls_named("kx_mom_subscribe").size(), 2u);
+    EXPECT_EQ(kxd::trace(), std::vector<std::string>(all.begin(), all.begin() + 2));
     ASSERT_EQ(kxd::subscriptions().size(), 1u);
-    EXPECT_EQ(kxd::subscriptions()[0].selection, "s_frame.cap_dep|c");
-    EXPECT_THAT(kxd::log_briefs(), ElementsAre(err("vek_cap_dep_validate", "failed,rv -1001")));
-}
-
-// The publication checks, in order; the first that fails ends the call.
-TEST_F(DepReadiness, PublicationChecksStopAtTheFirstFailure)
-{
-    add_modules({"A", "B"});
-    item_of("A")->ready = 1;
-    struct Case {
-        vek_cap_card_t card;
-        uint8_t local_ready, b_ready;
-        std::vector<std::string> logs; // the whole log of a failing call; the start of a passing one
-    };
-    const Case cases[] = {
-        {{-1, 5, 0, 1, 0, 0}, 1, 1, {"node 0xffffffff devid 0, local_ready 1, global_ready 0", "node invalid -1"}},
-        {{0x10, 5, 0, 1, 0, 0}, 1, 1, {"node 0x10 devid 0, local_ready 1, global_ready 0", "devid invalid 0"}},
-        {{0x10, 5, 5, 1, 0, 0}, 0, 1, {"node 0x10 devid 5, local_ready 0, global_ready 0", "local cap not ready"}},
-        {{0x10, 5, 5, 1, 0, 0}, 1, 0,
-         {"node 0x10 devid 5, local_ready 1, global_ready 0", "module B not ready", "module A ready",
-          "not all dep mod ready"}},
-        {{0, 5, 5, 1, 0, 0}, 1, 1, {"node 0x0 devid 5, local_ready 1, global_ready 0", "module B ready", "module A ready"}},
-    };
-    for (const Case &tc : cases) {
-        g_vek_cap_card = tc.card;
-        g_vek_local_ready = tc.local_ready;
-        item_of("B")->ready = tc.b_ready;
-        kxd::clear_logs();
-        EXPECT_EQ(vek_cap_glb_cap_db_validate(1), 0);
-        std::vector<std::string> texts;
-        for (const auto &rec : kxd::logs())
-            texts.push_back(rec.text);
-        if (tc.b_ready && tc.local_ready && tc.card.devid && tc.card.node != -1)
-            texts.resize(std::min(texts.size(), tc.logs.size()));
-        EXPECT_EQ(texts, tc.logs);
-    }
+    const kxd::Subscription &first = kxd::subscriptions()[0];
+    EXPECT_EQ(all[0], "kx_mom_subscribe 3 " + first.selection);
+    EXPECT_EQ(first.privdata, item_of(first.selection.substr(first.selection.find('|') + 1).c_str()));
+    EXPECT_EQ(kxd::log_briefs(),
+              std::vector<std::string>{"ERROR app/vek_cap/vek_cap vek_cap_dep_validate: failed,rv -1001"});
 }
 
 } // namespace

@@ -1,0 +1,443 @@
+// kx_double: the platform in memory. One state for the whole process; reset() replaces it.
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <deque>
+#include <functional>
+#include <map>
+#include <set>
+
+#include "kx_codec.h"
+#include "kx_double.h"
+#include "kx_internal.h"
+
+namespace kxd {
+namespace {
+
+// A record's hash fields in the order first written, as a small Redis hash keeps them; a
+// whole value is the one field "value" holding the packed record.
+struct State {
+    std::map<int32_t, std::map<std::string, Fields>> dbs;
+    std::set<int32_t> down;
+    std::map<int32_t, kx_mom_disconnect_cb> on_down;
+    std::map<int32_t, kx_mom_reconnect_cb> on_up;
+    std::vector<std::string> calls;
+    std::deque<std::function<void()>> queue;
+    std::vector<Subscription> subs;
+    std::vector<std::pair<Fault, int>> faults; // with the matching calls seen so far
+    std::vector<LogRecord> logs;
+    std::map<std::string, std::pair<ssat_fn, ssat_thunk>, std::less<>> commands;
+    kx_timestamp_t clock{1000, 0};
+    std::string root = "/nonexistent-kx-double-root";
+    kx_global global;
+};
+State s;
+char g_category; // the sink's one category: only its address matters
+
+// Records a call; returns the fault that fires on it, counting the call for every fault
+// it matches.
+const Fault *called(const std::string &line)
+{
+    s.calls.push_back(line);
+    std::string_view name = std::string_view(line).substr(0, line.find(' '));
+    const Fault *fired = nullptr;
+    for (auto &[f, seen] : s.faults)
+        if (f.call == name && (++seen == f.nth || f.nth == 0) && !fired)
+            fired = &f;
+    return fired;
+}
+
+int32_t code_of(const Fault *f) { return f ? f->rc : 0; }
+
+bool valid(kx_global_t *global, const ProtobufCMessage *key)
+{
+    return global == &s.global && key && kx_mom_table(key->descriptor->name) == key->descriptor;
+}
+
+std::string selection(const ProtobufCMessage *key)
+{
+    return kx::selects_table(key) ? kx::table_glob(key->descriptor) : kx::record_key(key);
+}
+
+bool selects(std::string_view selection, std::string_view key)
+{
+    if (selection.ends_with("|*")) // a whole table: its name and the separator start the key
+        return key.starts_with(selection.substr(0, selection.size() - 1));
+    return selection == key;
+}
+
+std::string line(const char *name, int32_t db, const ProtobufCMessage *key, bool select)
+{
+    std::string where = !valid(&s.global, key) ? "" : " " + (select ? selection(key) : kx::record_key(key));
+    return name + (" " + std::to_string(db)) + where;
+}
+
+// A store call returns a fault's code, KX_MOM_EINVAL for bad arguments, KX_MOM_ENOTCONN
+// while its database is down, else what `act` returns.
+int32_t status(const std::string &line, int32_t db, bool ok, const std::function<int32_t()> &act)
+{
+    const Fault *f = called(line);
+    return !ok ? KX_MOM_EINVAL : f ? f->rc : s.down.count(db) ? KX_MOM_ENOTCONN : act();
+}
+
+Fields *find(int32_t db, const std::string &key)
+{
+    auto it = s.dbs[db].find(key);
+    return it == s.dbs[db].end() ? nullptr : &it->second;
+}
+
+// HGETALL now: a missing record has no obj.
+kx_mom_hash_res *read_hash(int32_t db, const std::string &key)
+{
+    const Fields *record = find(db, key);
+    if (!record)
+        return kx::new_hash_res(db, key, 0);
+    std::vector<kx::FieldValue> fields;
+    for (const auto &[name, text] : *record)
+        fields.push_back({name, text});
+    std::string why;
+    return kx::decode_hash(db, key, kx::table_of_key(key), fields, &why);
+}
+
+// GET now: a missing record is empty.
+ProtobufCMessage *read_whole(int32_t db, const std::string &key, int32_t *error)
+{
+    const Fields *record = find(db, key);
+    std::string why, packed = record && !record->empty() ? record->front().second : "";
+    ProtobufCMessage *obj = kx::decode_whole(kx::table_of_key(key), key, packed, &why);
+    *error = obj ? 0 : KX_MOM_EPROTO;
+    return obj;
+}
+
+// Nothing reaches a subscriber while its database is down: the subscriber connection is
+// gone as well.
+void deliver(const Subscription &to, const std::string &key, int32_t cmd, void *data, int32_t scan_over = 0)
+{
+    kx_mom_msg msg{to.db, kx::table_of_key(key), cmd, data, key.c_str(), scan_over};
+    if (!s.down.count(to.db))
+        to.cb(&s.global, &msg, to.privdata);
+}
+
+// The record under `key` as it is now: cmd 4 (hash) or 1 (whole value), nothing when it
+// is gone; cmd 3 with the record its key names when it was deleted.
+void deliver_record(const Subscription &to, const std::string &key, bool deleted)
+{
+    if (!deleted && !find(to.db, key))
+        return;
+    if (!deleted && !kx::stored_whole(kx::table_of_key(key))) {
+        kx::HashRes res(read_hash(to.db, key));
+        return deliver(to, key, KX_MOM_CMD_HSET, res.get());
+    }
+    std::string why;
+    int32_t error;
+    kx::Message rec(deleted ? kx::parse_key(kx::table_of_key(key), key, &why)
+                            : read_whole(to.db, key, &error));
+    if (rec)
+        deliver(to, key, deleted ? KX_MOM_CMD_DEL : KX_MOM_CMD_SET, rec.get());
+}
+
+void notify(int32_t db, const std::string &key, bool deleted)
+{
+    for (const Subscription &sub : s.subs)
+        if (sub.db == db && selects(sub.selection, key))
+            s.queue.push_back([sub, key, deleted] { deliver_record(sub, key, deleted); });
+}
+
+// Every selected record still there when its turn comes (callbacks may delete some).
+void scan(const Subscription &sc)
+{
+    std::vector<std::string> keys;
+    for (const auto &[key, fields] : s.dbs[sc.db])
+        if (selects(sc.selection, key))
+            keys.push_back(key);
+    for (const auto &key : keys)
+        deliver_record(sc, key, false);
+}
+
+} // namespace
+
+std::vector<std::string> trace(std::string_view prefix)
+{
+    std::vector<std::string> out;
+    std::copy_if(s.calls.begin(), s.calls.end(), std::back_inserter(out),
+                 [&](const std::string &c) { return c.starts_with(prefix); });
+    return out;
+}
+
+void clear_calls() { s.calls.clear(); }
+
+std::vector<std::string> records(int32_t db)
+{
+    std::vector<std::string> out;
+    for (const auto &[key, fields] : s.dbs[db]) {
+        out.push_back(key);
+        for (const auto &[name, text] : fields)
+            out.back() += " " + name + "=" + kx::printable(text);
+    }
+    return out;
+}
+
+int32_t put(int32_t db, const ProtobufCMessage *record, const std::vector<int32_t> &tags, bool tell)
+{
+    Fields fields = {{"value", kx::encode_whole(record)}};
+    if (!kx::stored_whole(record->descriptor)) {
+        std::vector<kx::FieldText> texts;
+        if (tags.empty() || kx::encode_hash(record, tags, &texts) != 0)
+            return KX_MOM_EINVAL;
+        fields.clear();
+        for (auto &t : texts)
+            fields.emplace_back(t.name, std::move(t.text));
+    }
+    put_raw(db, kx::record_key(record), fields, tell);
+    return 0;
+}
+
+void put_raw(int32_t db, const std::string &key, const Fields &fields, bool tell)
+{
+    Fields &record = s.dbs[db][key];
+    for (const auto &field : fields) {
+        auto it = std::find_if(record.begin(), record.end(), [&](auto &f) { return f.first == field.first; });
+        if (it == record.end())
+            record.push_back(field);
+        else
+            it->second = field.second;
+    }
+    if (tell)
+        notify(db, key, false);
+}
+
+void erase(int32_t db, const std::string &key, bool tell)
+{
+    if (s.dbs[db].erase(key) && tell)
+        notify(db, key, true);
+}
+
+const std::vector<Subscription> &subscriptions() { return s.subs; }
+
+int run()
+{
+    int ran = 0;
+    for (; !s.queue.empty() && ran < 100000; ++ran) {
+        auto next = std::move(s.queue.front());
+        s.queue.pop_front();
+        next();
+    }
+    return ran;
+}
+
+void disconnect(int32_t db)
+{
+    if (s.down.insert(db).second)
+        s.queue.push_back([db] {
+            if (auto cb = s.on_down[db])
+                cb(&s.global, db);
+        });
+}
+
+void reconnect(int32_t db, int32_t type)
+{
+    s.queue.push_back([db, type] {
+        s.down.erase(db);
+        if (auto cb = s.on_up[db])
+            cb(&s.global, db, type);
+        for (const Subscription &sub : s.subs)
+            s.queue.push_back([sub] { deliver(sub, sub.selection, KX_MOM_CMD_SUBSCRIBED, nullptr); });
+    });
+}
+
+void inject(Fault fault) { s.faults.emplace_back(std::move(fault), 0); }
+void set_clock(uint32_t sec, uint32_t usec) { s.clock = {sec, usec}; }
+void set_root(std::string root) { s.root = std::move(root); }
+const std::vector<LogRecord> &logs() { return s.logs; }
+void clear_logs() { s.logs.clear(); }
+void reset() { s = State{}; }
+
+std::vector<std::string> log_briefs()
+{
+    // zlog's levels are 20 apart: DEBUG 20 to FATAL 120.
+    static const char *const names[] = {"LEVEL?", "DEBUG", "INFO", "NOTICE", "WARN", "ERROR", "FATAL"};
+    std::vector<std::string> out;
+    for (const auto &r : s.logs)
+        out.push_back(std::string(names[r.level % 20 || r.level > 120 ? 0 : r.level / 20]) + " " + r.unit +
+                      " " + r.func + ": " + r.text);
+    return out;
+}
+
+bool ssat_run(std::string_view cmd, int32_t num, const char *word)
+{
+    auto it = s.commands.find(cmd);
+    ssat_args args{word, num};
+    if (it != s.commands.end())
+        it->second.second(it->second.first, &args);
+    return it != s.commands.end();
+}
+
+} // namespace kxd
+
+using namespace kxd;
+
+kx_global_t *kx_global_init(const char *module, kx_global_t *global)
+{
+    return called(std::string("kx_global_init ") + module) ? nullptr : global ? global : &s.global;
+}
+
+int32_t kx_global_run(kx_global_t *)
+{
+    called("kx_global_run");
+    run();
+    return 0;
+}
+
+void kx_global_finish(kx_global_t *) { called("kx_global_finish"); }
+int32_t kx_initframe_duplicate_check(void) { return code_of(called("kx_initframe_duplicate_check")); }
+
+int32_t reg_process_exit_action(int32_t action, int32_t reason)
+{
+    std::string line = "reg_process_exit_action " + std::to_string(action) + " " + std::to_string(reason);
+    return code_of(called(line));
+}
+
+int32_t kx_monotime(kx_timestamp_t *ts)
+{
+    called("kx_monotime");
+    *ts = s.clock;
+    return 0;
+}
+
+const char *kx_root_path(const char *path)
+{
+    thread_local std::string joined;
+    return (joined = s.root + path).c_str();
+}
+
+int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db)
+{
+    const Fault *f = called("kx_mom_client_connect_sync " + std::to_string(db));
+    if (!f)
+        s.down.erase(db);
+    return global != &s.global ? KX_MOM_EINVAL : code_of(f);
+}
+
+int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db, kx_mom_disconnect_cb cb, uint32_t)
+{
+    return status("kx_mom_client_set_disconnect_cb " + std::to_string(db), db, global == &s.global && cb,
+                  [&] { s.on_down[db] = cb; return 0; });
+}
+
+int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db, kx_mom_reconnect_cb cb, uint32_t)
+{
+    return status("kx_mom_client_set_reconnect_cb " + std::to_string(db), db, global == &s.global && cb,
+                  [&] { s.on_up[db] = cb; return 0; });
+}
+
+int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
+                         kx_mom_cb cb, void *privdata)
+{
+    return status(line("kx_mom_subscribe", db, key, true), db, valid(global, key) && cb, [&] {
+        Subscription sub{db, selection(key), cb, privdata};
+        if (std::find(s.subs.begin(), s.subs.end(), sub) == s.subs.end())
+            s.subs.push_back(sub);
+        s.queue.push_back([sub] { deliver(sub, sub.selection, KX_MOM_CMD_SUBSCRIBED, nullptr); });
+        return 0;
+    });
+}
+
+int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
+                         kx_mom_cb cb, void *privdata)
+{
+    return status(line("kx_mom_scan_sync", db, key, true), db, valid(global, key) && cb,
+                  [&] { scan({db, selection(key), cb, privdata}); return 0; });
+}
+
+int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
+                    kx_mom_cb cb, void *privdata)
+{
+    return status(line("kx_mom_scan", db, key, true), db, valid(global, key) && cb, [&] {
+        s.queue.push_back([sc = Subscription{db, selection(key), cb, privdata}] {
+            scan(sc);
+            deliver(sc, sc.selection, 0, nullptr, 1);
+        });
+        return 0;
+    });
+}
+
+void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key, int32_t *error)
+{
+    const Fault *f = called(line("kx_mom_get_sync", db, key, false));
+    bool read = !f || f->how == Fail::WithObject;
+    *error = !valid(global, key) ? KX_MOM_EINVAL
+             : !read             ? (f->how == Fail::Code ? f->rc : 0)
+             : s.down.count(db)  ? KX_MOM_ENOTCONN : 0;
+    void *obj = *error || !read ? nullptr : read_whole(db, kx::record_key(key), error);
+    if (obj && f)
+        *error = f->rc;
+    return obj;
+}
+
+kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
+{
+    const Fault *f = called(line("kx_mom_hgetall_sync", db, key, false));
+    if (!valid(global, key) || s.down.count(db) || (f && f->how == Fail::Null))
+        return nullptr;
+    kx_mom_hash_res *res = f && f->how == Fail::Code ? kx::new_hash_res(db, kx::record_key(key), 0)
+                                                    : read_hash(db, kx::record_key(key));
+    if (f)
+        res->error_code = f->rc;
+    return res;
+}
+
+int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *record,
+                          const int32_t *field_tag, int32_t field_len)
+{
+    std::vector<int32_t> tags(field_tag, field_tag + (field_tag && field_len > 0 ? field_len : 0));
+    std::string call = line("kx_mom_hmset_sync", db, record, false) + " [";
+    for (const int32_t &tag : tags)
+        call += std::to_string(tag) + (&tag == &tags.back() ? "" : ",");
+    return status(call + "]", db, valid(global, record), [&] { return put(db, record, tags, true); });
+}
+
+int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
+{
+    return status(line("kx_mom_del_sync", db, key, false), db, valid(global, key),
+                  [&] { erase(db, kx::record_key(key), true); return 0; });
+}
+
+kx_zlog_category_t *kx_zlog_init(const char *module)
+{
+    const Fault *f = called(std::string("kx_zlog_init ") + module);
+    return f ? nullptr : reinterpret_cast<kx_zlog_category_t *>(&g_category);
+}
+
+void kxdf_zlog(kx_zlog_category_t *, const char *file, size_t filelen, const char *func, size_t funclen,
+               long, int level, const char *format, ...)
+{
+    char text[4096]; // the daemon formats into 1024 bytes and logs them with "%s"
+    va_list ap;
+    va_start(ap, format);
+    std::vsnprintf(text, sizeof text, format, ap);
+    va_end(ap);
+    s.logs.push_back({level, std::string(file, filelen), std::string(func, funclen), text});
+}
+
+int at_snprintf(char *buf, size_t size, const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    int n = std::vsnprintf(buf, size, format, ap);
+    va_end(ap);
+    return n;
+}
+
+int32_t ssat_lib_init(kx_global_t *, const char *module)
+{
+    return code_of(called(std::string("ssat_lib_init ") + module));
+}
+
+int32_t ssat_reg_mod_cmd_impl(const char *module, const char *cmd, uint32_t, const char *format, ssat_fn fn,
+                              ssat_thunk thunk, int)
+{
+    const Fault *f = called(std::string("ssat_reg_mod_cmd ") + module + " " + cmd + " " + format);
+    if (!f)
+        s.commands[cmd] = {fn, thunk};
+    return code_of(f);
+}
