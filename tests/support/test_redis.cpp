@@ -31,15 +31,16 @@ int decode_status(int raw)
     return -1;
 }
 
-// fork + exec with `env` added to this process's environment; stdio to the given fds.
-pid_t spawn(const std::vector<std::string> &argv, const Env &env, int in, int out, int err)
+// fork + exec with `env` added to this process's environment; stdio from/to the files.
+pid_t spawn(const std::vector<std::string> &argv, const Env &env, const std::string &in,
+            const std::string &out, const std::string &err)
 {
     pid_t pid = fork();
     if (pid != 0)
         return pid;
-    dup2(in, 0);
-    dup2(out, 1);
-    dup2(err, 2);
+    dup2(open(in.c_str(), O_RDONLY | O_CLOEXEC), 0);
+    dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), 1);
+    dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), 2);
     for (const auto &[k, v] : env)
         setenv(k.c_str(), v.c_str(), 1);
     std::vector<char *> args;
@@ -69,15 +70,9 @@ TempDir::~TempDir()
 
 Process::Process(const std::vector<std::string> &argv, const Env &env, const std::string &dir,
                  const std::string &name)
-    : out_path_(dir + "/" + name + ".out"), err_path_(dir + "/" + name + ".err")
+    : out_path_(dir + "/" + name + ".out")
 {
-    int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    int out = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    int err = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    pid_ = spawn(argv, env, in, out, err);
-    close(in);
-    close(out);
-    close(err);
+    pid_ = spawn(argv, env, "/dev/null", out_path_, dir + "/" + name + ".err");
 }
 
 Process::~Process()
@@ -119,34 +114,18 @@ int Process::wait(std::chrono::milliseconds timeout)
 }
 
 std::string Process::out() const { return read_file(out_path_); }
-std::string Process::err() const { return read_file(err_path_); }
 
 RunResult run(const std::vector<std::string> &argv, const Env &env,
-              std::chrono::milliseconds timeout, const std::string &input)
+              std::chrono::milliseconds timeout)
 {
     TempDir dir;
-    write_file(dir / "in", input);
     RunResult result;
     {
-        int in = open((dir / "in").c_str(), O_RDONLY | O_CLOEXEC);
-        int out = open((dir / "out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-        int err = open((dir / "err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-        pid_t pid = spawn(argv, env, in, out, err);
-        close(in);
-        close(out);
-        close(err);
-        int raw = 0;
-        bool done = wait_for([&] { return waitpid(pid, &raw, WNOHANG) == pid; }, timeout);
-        if (!done) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &raw, 0);
-            result.status = -1;
-        } else {
-            result.status = decode_status(raw);
-        }
+        Process p(argv, env, dir.path(), "run");
+        result.status = p.wait(timeout);
     }
-    result.out = read_file(dir / "out");
-    result.err = read_file(dir / "err");
+    result.out = read_file(dir / "run.out");
+    result.err = read_file(dir / "run.err");
     return result;
 }
 

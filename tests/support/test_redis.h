@@ -46,24 +46,21 @@ public:
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
 
-    pid_t pid() const { return pid_; }
     bool running();
     void signal(int sig);
     // Exit status (or 128 + signal), or -1 after `timeout` (the process is then killed).
     int wait(std::chrono::milliseconds timeout = 10s);
     std::string out() const;
-    std::string err() const;
 
 private:
     pid_t pid_ = -1;
     int status_ = -1;
     std::string out_path_;
-    std::string err_path_;
 };
 
-// Runs to completion (killed after `timeout`); `input` is fed to standard input.
+// Runs to completion (killed after `timeout`), standard input empty.
 RunResult run(const std::vector<std::string> &argv, const Env &env = {},
-              std::chrono::milliseconds timeout = 10s, const std::string &input = "");
+              std::chrono::milliseconds timeout = 10s);
 
 class RedisServer {
 public:
@@ -77,15 +74,15 @@ public:
 
     const std::string &socket() const { return socket_; }
     std::string addr() const { return "unix:" + socket_; } // for KX_MOM_ADDR
-    const TempDir &dir() const { return dir_; }
 
     // redis-cli -s <socket> -n <db> args...; its standard output without the last newline.
     std::string cli(int db, const std::vector<std::string> &args) const;
-    void stop();
-    void start();
     void restart() { stop(); start(); } // a new run: its run_id differs
 
 private:
+    void start();
+    void stop();
+
     Options options_;
     TempDir dir_;
     std::string socket_;
