@@ -160,60 +160,20 @@ std::optional<int32_t> parse_int32(std::string_view text)
     return v;
 }
 
-// Sets field `f` of `msg` from `text`; false when `text` does not fit.
+// Sets field `f` of `msg` from `text` as the store reads it, an enum also by its name;
+// false when `text` does not fit.
 bool set_field(ProtobufCMessage *msg, const Field *f, std::string_view text)
 {
-    switch (f->type) {
-    case PROTOBUF_C_TYPE_INT32: {
-        auto v = parse_int32(text);
-        member<int32_t>(msg, f) = v.value_or(0);
-        return v.has_value();
-    }
-    case PROTOBUF_C_TYPE_BOOL:
-        member<protobuf_c_boolean>(msg, f) = text == "true" || text == "1";
-        return text == "true" || text == "1" || text == "false" || text == "0";
-    case PROTOBUF_C_TYPE_ENUM: {
+    std::string number;
+    if (f->type == PROTOBUF_C_TYPE_ENUM) {
         auto *e = static_cast<const ProtobufCEnumDescriptor *>(f->descriptor);
-        auto v = parse_int32(text);
-        for (unsigned i = 0; !v && i < e->n_values; ++i)
-            if (text == e->values[i].name)
-                v = e->values[i].value;
-        member<int>(msg, f) = v.value_or(0);
-        return v.has_value();
+        if (auto *v = protobuf_c_enum_descriptor_get_value_by_name(e, std::string(text).c_str())) {
+            number = std::to_string(v->value);
+            text = number;
+        }
     }
-    case PROTOBUF_C_TYPE_STRING: {
-        char *&s = member<char *>(msg, f);
-        if (s && s != f->default_value)
-            free(s);
-        s = strndup(text.data(), text.size());
-        return true;
-    }
-    case PROTOBUF_C_TYPE_BYTES: {
-        auto &b = member<ProtobufCBinaryData>(msg, f);
-        free(b.data);
-        b.data = static_cast<uint8_t *>(malloc(text.size() + 1));
-        memcpy(b.data, text.data(), text.size());
-        b.len = text.size();
-        return true;
-    }
-    default: return false;
-    }
-}
-
-// The field's value as the store holds it: decimal, true/false, or the raw bytes.
-std::string field_text(const ProtobufCMessage *msg, const Field *f)
-{
-    switch (f->type) {
-    case PROTOBUF_C_TYPE_INT32: return std::to_string(member<int32_t>(msg, f));
-    case PROTOBUF_C_TYPE_ENUM: return std::to_string(member<int>(msg, f));
-    case PROTOBUF_C_TYPE_BOOL: return member<protobuf_c_boolean>(msg, f) ? "true" : "false";
-    case PROTOBUF_C_TYPE_STRING: return member<char *>(msg, f) ? member<char *>(msg, f) : "";
-    case PROTOBUF_C_TYPE_BYTES: {
-        const auto &b = member<ProtobufCBinaryData>(msg, f);
-        return std::string(reinterpret_cast<const char *>(b.data), b.len);
-    }
-    default: return "?";
-    }
+    const char *why = nullptr;
+    return kx::set_field(msg, f, text, &why);
 }
 
 // ---- output ----------------------------------------------------------------------------
@@ -264,7 +224,7 @@ std::string json_fields(const ProtobufCMessage *msg, const std::vector<const Fie
 {
     std::string out;
     for (const Field *f : fields) {
-        std::string text = field_text(msg, f);
+        std::string text = kx::field_text(msg, f);
         bool bytes = f->type == PROTOBUF_C_TYPE_BYTES;
         bool string = bytes || f->type == PROTOBUF_C_TYPE_STRING;
         out += (out.empty() ? "" : ",") + json_quote(f->name) + ":" +
@@ -296,7 +256,7 @@ std::string render(const char *event, std::string_view key, const ProtobufCMessa
         line = std::string(event) + " ";
     line += plain_quote(key);
     for (const Field *f : fields ? *fields : std::vector<const Field *>{})
-        line += " " + std::string(f->name) + "=" + plain_quote(field_text(record, f));
+        line += " " + std::string(f->name) + "=" + plain_quote(kx::field_text(record, f));
     if (entries)
         line += " entries=" + std::to_string(*entries);
     return line + '\n';
@@ -444,7 +404,7 @@ bool matches(const Request &req, const ProtobufCMessage *record)
     const ProtobufCMessage *want = index_of(req.record.get());
     const ProtobufCMessage *have = index_of(record);
     for (const Field *f : req.index_given)
-        if (!have || field_text(want, f) != field_text(have, f))
+        if (!have || kx::field_text(want, f) != kx::field_text(have, f))
             return false;
     return true;
 }
@@ -458,7 +418,7 @@ SortKey sort_key(const ProtobufCMessage *record)
     const ProtobufCMessage *index = index_of(record);
     for (const Field *f : all_fields(index ? index->descriptor : nullptr))
         key.emplace_back(is_number(f) ? member<int32_t>(index, f) : 0,
-                         is_number(f) ? "" : field_text(index, f));
+                         is_number(f) ? "" : kx::field_text(index, f));
     return key;
 }
 

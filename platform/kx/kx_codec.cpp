@@ -148,6 +148,8 @@ bool part_is_default(const ProtobufCMessage *index, const ProtobufCFieldDescript
     return member<int32_t>(index, f) == 0;
 }
 
+} // namespace
+
 std::string field_text(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f)
 {
     switch (f->type) {
@@ -210,6 +212,8 @@ bool set_field(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::st
     }
     }
 }
+
+namespace {
 
 std::string key_error(std::string_view key, const char *why)
 {

@@ -70,6 +70,16 @@ const ProtobufCMessageDescriptor *table_of_key(std::string_view key);
 ProtobufCMessage *parse_key(const ProtobufCMessageDescriptor *table, std::string_view key,
                             std::string *error);
 
+// One field's value as the store holds it: int32 and enum in decimal, bool
+// `true`/`false`, string and bytes raw.
+std::string field_text(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f);
+
+// Sets field `f` (int32, enum, bool, string or bytes) of `msg` from its text as the
+// store holds it (bool also `1`/`0`); false, and the reason in `*why`, when `value`
+// does not fit the field's type.
+bool set_field(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::string_view value,
+               const char **why);
+
 // One hash field as written: the field's name and its text.
 struct FieldText {
     std::string_view name; // points into the table's descriptor
