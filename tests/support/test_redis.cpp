@@ -149,7 +149,7 @@ void RedisServer::start()
                                  dir_.path(), "--loglevel", "warning"},
         Env{}, dir_.path(), "redis");
     if (!wait_for([this] { return cli(0, {"PING"}) == "PONG"; }, 10s))
-        throw std::runtime_error("redis-server did not start: " + proc_->err() + proc_->out());
+        throw std::runtime_error("redis-server did not start: " + read_file(dir_ / "redis.err"));
 }
 
 void RedisServer::stop()
