@@ -25,9 +25,8 @@ struct State {
     std::deque<std::function<void()>> queue;
     std::vector<Subscription> subs;
     std::vector<std::pair<Fault, int>> faults; // with the matching calls seen so far
-    std::vector<LogRecord> logs;
+    std::vector<std::string> logs; // as log_briefs() shows them
     std::map<std::string, std::pair<ssat_fn, ssat_thunk>, std::less<>> commands;
-    kx_timestamp_t clock{1000, 0};
     std::string root = "/nonexistent-kx-double-root";
     kx_global global;
 };
@@ -42,7 +41,7 @@ const Fault *called(const std::string &line)
     std::string_view name = std::string_view(line).substr(0, line.find(' '));
     const Fault *fired = nullptr;
     for (auto &[f, seen] : s.faults)
-        if (f.call == name && (++seen == f.nth || f.nth == 0) && !fired)
+        if (f.call == name && ++seen == f.nth && !fired)
             fired = &f;
     return fired;
 }
@@ -61,9 +60,8 @@ std::string selection(const ProtobufCMessage *key)
 
 bool selects(std::string_view selection, std::string_view key)
 {
-    if (selection.ends_with("|*")) // a whole table: its name and the separator start the key
-        return key.starts_with(selection.substr(0, selection.size() - 1));
-    return selection == key;
+    // A whole table "name|*": its name and the separator start the key.
+    return selection.ends_with("|*") ? key.starts_with(selection.substr(0, selection.size() - 1)) : selection == key;
 }
 
 std::string line(const char *name, int32_t db, const ProtobufCMessage *key, bool select)
@@ -159,70 +157,32 @@ void scan(const Subscription &sc)
 std::vector<std::string> trace(std::string_view prefix)
 {
     std::vector<std::string> out;
-    std::copy_if(s.calls.begin(), s.calls.end(), std::back_inserter(out),
-                 [&](const std::string &c) { return c.starts_with(prefix); });
+    std::ranges::copy_if(s.calls, std::back_inserter(out), [&](const std::string &c) { return c.starts_with(prefix); });
     return out;
 }
 
-void clear_calls() { s.calls.clear(); }
-
-std::vector<std::string> records(int32_t db)
-{
-    std::vector<std::string> out;
-    for (const auto &[key, fields] : s.dbs[db]) {
-        out.push_back(key);
-        for (const auto &[name, text] : fields)
-            out.back() += " " + name + "=" + kx::printable(text);
-    }
-    return out;
-}
-
-int32_t put(int32_t db, const ProtobufCMessage *record, const std::vector<int32_t> &tags, bool tell)
-{
-    Fields fields = {{"value", kx::encode_whole(record)}};
-    if (!kx::stored_whole(record->descriptor)) {
-        std::vector<kx::FieldText> texts;
-        if (tags.empty() || kx::encode_hash(record, tags, &texts) != 0)
-            return KX_MOM_EINVAL;
-        fields.clear();
-        for (auto &t : texts)
-            fields.emplace_back(t.name, std::move(t.text));
-    }
-    put_raw(db, kx::record_key(record), fields, tell);
-    return 0;
-}
+void clear() { s.calls.clear(); s.logs.clear(); }
 
 void put_raw(int32_t db, const std::string &key, const Fields &fields, bool tell)
 {
     Fields &record = s.dbs[db][key];
     for (const auto &field : fields) {
         auto it = std::find_if(record.begin(), record.end(), [&](auto &f) { return f.first == field.first; });
-        if (it == record.end())
-            record.push_back(field);
-        else
-            it->second = field.second;
+        it == record.end() ? record.push_back(field) : void(it->second = field.second);
     }
     if (tell)
         notify(db, key, false);
 }
 
-void erase(int32_t db, const std::string &key, bool tell)
-{
-    if (s.dbs[db].erase(key) && tell)
-        notify(db, key, true);
-}
-
 const std::vector<Subscription> &subscriptions() { return s.subs; }
 
-int run()
+void run()
 {
-    int ran = 0;
-    for (; !s.queue.empty() && ran < 100000; ++ran) {
+    for (int ran = 0; !s.queue.empty() && ran < 100000; ++ran) {
         auto next = std::move(s.queue.front());
         s.queue.pop_front();
         next();
     }
-    return ran;
 }
 
 void disconnect(int32_t db)
@@ -246,22 +206,9 @@ void reconnect(int32_t db, int32_t type)
 }
 
 void inject(Fault fault) { s.faults.emplace_back(std::move(fault), 0); }
-void set_clock(uint32_t sec, uint32_t usec) { s.clock = {sec, usec}; }
 void set_root(std::string root) { s.root = std::move(root); }
-const std::vector<LogRecord> &logs() { return s.logs; }
-void clear_logs() { s.logs.clear(); }
+const std::vector<std::string> &log_briefs() { return s.logs; }
 void reset() { s = State{}; }
-
-std::vector<std::string> log_briefs()
-{
-    // zlog's levels are 20 apart: DEBUG 20 to FATAL 120.
-    static const char *const names[] = {"LEVEL?", "DEBUG", "INFO", "NOTICE", "WARN", "ERROR", "FATAL"};
-    std::vector<std::string> out;
-    for (const auto &r : s.logs)
-        out.push_back(std::string(names[r.level % 20 || r.level > 120 ? 0 : r.level / 20]) + " " + r.unit +
-                      " " + r.func + ": " + r.text);
-    return out;
-}
 
 bool ssat_run(std::string_view cmd, int32_t num, const char *word)
 {
@@ -293,14 +240,13 @@ int32_t kx_initframe_duplicate_check(void) { return code_of(called("kx_initframe
 
 int32_t reg_process_exit_action(int32_t action, int32_t reason)
 {
-    std::string line = "reg_process_exit_action " + std::to_string(action) + " " + std::to_string(reason);
-    return code_of(called(line));
+    return code_of(called("reg_process_exit_action " + std::to_string(action) + " " + std::to_string(reason)));
 }
 
 int32_t kx_monotime(kx_timestamp_t *ts)
 {
     called("kx_monotime");
-    *ts = s.clock;
+    *ts = {12, 34};
     return 0;
 }
 
@@ -353,10 +299,8 @@ int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key
                     kx_mom_cb cb, void *privdata)
 {
     return status(line("kx_mom_scan", db, key, true), db, valid(global, key) && cb, [&] {
-        s.queue.push_back([sc = Subscription{db, selection(key), cb, privdata}] {
-            scan(sc);
-            deliver(sc, sc.selection, 0, nullptr, 1);
-        });
+        Subscription sc{db, selection(key), cb, privdata};
+        s.queue.push_back([sc] { scan(sc); deliver(sc, sc.selection, 0, nullptr, 1); });
         return 0;
     });
 }
@@ -393,13 +337,29 @@ int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessag
     std::string call = line("kx_mom_hmset_sync", db, record, false) + " [";
     for (const int32_t &tag : tags)
         call += std::to_string(tag) + (&tag == &tags.back() ? "" : ",");
-    return status(call + "]", db, valid(global, record), [&] { return put(db, record, tags, true); });
+    return status(call + "]", db, valid(global, record), [&]() -> int32_t {
+        Fields fields = {{"value", kx::encode_whole(record)}};
+        if (!kx::stored_whole(record->descriptor)) {
+            std::vector<kx::FieldText> texts;
+            if (tags.empty() || kx::encode_hash(record, tags, &texts) != 0)
+                return KX_MOM_EINVAL;
+            fields.clear();
+            for (auto &text : texts)
+                fields.emplace_back(text.name, std::move(text.text));
+        }
+        put_raw(db, kx::record_key(record), fields, true);
+        return 0;
+    });
 }
 
 int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
 {
     return status(line("kx_mom_del_sync", db, key, false), db, valid(global, key),
-                  [&] { erase(db, kx::record_key(key), true); return 0; });
+                  [&] {
+                      if (s.dbs[db].erase(kx::record_key(key)))
+                          notify(db, kx::record_key(key), true);
+                      return 0;
+                  });
 }
 
 kx_zlog_category_t *kx_zlog_init(const char *module)
@@ -411,12 +371,15 @@ kx_zlog_category_t *kx_zlog_init(const char *module)
 void kxdf_zlog(kx_zlog_category_t *, const char *file, size_t filelen, const char *func, size_t funclen,
                long, int level, const char *format, ...)
 {
+    // zlog's levels are 20 apart: DEBUG 20 to FATAL 120.
+    static const char *const names[] = {"LEVEL?", "DEBUG", "INFO", "NOTICE", "WARN", "ERROR", "FATAL"};
     char text[4096]; // the daemon formats into 1024 bytes and logs them with "%s"
     va_list ap;
     va_start(ap, format);
     std::vsnprintf(text, sizeof text, format, ap);
     va_end(ap);
-    s.logs.push_back({level, std::string(file, filelen), std::string(func, funclen), text});
+    s.logs.push_back(std::string(names[level % 20 || level > 120 ? 0 : level / 20]) + " " +
+                     std::string(file, filelen) + " " + std::string(func, funclen) + ": " + text);
 }
 
 int at_snprintf(char *buf, size_t size, const char *format, ...)

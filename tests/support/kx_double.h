@@ -30,21 +30,15 @@ namespace kxd {
 // selection as "table|*"), the field numbers written and its other arguments, e.g.
 // "kx_mom_hmset_sync 28 s_frame.cap_fe_ready|16|5 [6,7]". Only lines starting with `prefix`.
 std::vector<std::string> trace(std::string_view prefix = "");
-void clear_calls();
+// Each log record as one line: "ERROR app/vek_cap/vek_cap main: connect host failed, rv -1001".
+const std::vector<std::string> &log_briefs();
+void clear(); // forgets the calls and log records so far
 
-// The records of `db`, sorted, one line each: "s_frame.cap_dep|A ready=true" (a whole
-// value shows as its one field "value", the packed record, escaped).
-std::vector<std::string> records(int32_t db);
-
-// Another writer. put writes the listed fields of `rec` (the whole-value table whole),
-// put_raw any fields under any key (a value that does not decode; a whole value is the
-// field "value"), erase deletes. With
-// `notify`, subscribers hear of it through the queue, the record as read at delivery:
-// cmd 4 (hash), 1 (whole value) or 3 (deleted). put returns the codec's code.
+// Another writer: writes these fields (a value that need not decode; a whole value is the
+// field "value") under any key. With `notify`, subscribers hear of it through the queue,
+// the record as read at delivery: cmd 4 (hash) or 1 (whole value).
 using Fields = std::vector<std::pair<std::string, std::string>>;
-int32_t put(int32_t db, const ProtobufCMessage *rec, const std::vector<int32_t> &tags, bool notify = false);
 void put_raw(int32_t db, const std::string &key, const Fields &fields, bool notify = false);
-void erase(int32_t db, const std::string &key, bool notify = false);
 
 struct Subscription {
     int32_t db;
@@ -55,9 +49,8 @@ struct Subscription {
 };
 const std::vector<Subscription> &subscriptions(); // each route once
 
-// Runs queued deliveries until none is left; returns how many ran (it gives up after
-// 100000, a delivery loop).
-int run();
+// Runs queued deliveries until none is left (it gives up after 100000, a delivery loop).
+void run();
 // The database goes down at once (its calls fail with KX_MOM_ENOTCONN, hgetall gives
 // nullptr, its notifications are lost) and its disconnect callback is queued.
 void disconnect(int32_t db);
@@ -65,7 +58,7 @@ void disconnect(int32_t db);
 // subscription of every database is confirmed again with cmd 29.
 void reconnect(int32_t db, int32_t type);
 
-// The `nth` call of that name from now on (0: every one) fails.
+// The `nth` call of that name from now on fails.
 // Code: it returns rc; kx_mom_hgetall_sync a result with no obj and error_code rc,
 // kx_mom_get_sync nullptr and *error rc. Null: a call returning a pointer returns nullptr
 // (kx_mom_get_sync with *error 0). WithObject: kx_mom_get_sync / kx_mom_hgetall_sync return
@@ -79,17 +72,7 @@ struct Fault {
 };
 void inject(Fault fault);
 
-void set_clock(uint32_t sec, uint32_t usec); // kx_monotime's reading (reset: 1000:0)
-void set_root(std::string root);             // kx_root_path's prefix (reset: a missing dir)
-
-struct LogRecord {
-    int level; // zlog level
-    std::string unit, func, text;
-};
-const std::vector<LogRecord> &logs();
-// "ERROR app/vek_cap/vek_cap main: connect host failed, rv -1001" for each record.
-std::vector<std::string> log_briefs();
-void clear_logs();
+void set_root(std::string root); // kx_root_path's prefix (reset: a missing dir); kx_monotime reads 12:34
 
 // Runs a registered command as the shell would with these arguments; false when unknown.
 bool ssat_run(std::string_view cmd, int32_t num = 0, const char *word = nullptr);

@@ -1,9 +1,10 @@
 // Unit tests of the daemon: the in-memory platform reset, and every process-wide
-// variable of vek_cap.h back at its initial value, before and after each test.
+// variable of vek_cap.h back at its initial value, before each test.
 #ifndef VEK_CAP_FIXTURE_H
 #define VEK_CAP_FIXTURE_H
 
 #include <cstdlib>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -16,7 +17,7 @@ namespace vek_cap_test {
 // registry; a test that built one has it released here.
 inline void reset_daemon_state()
 {
-    if (vek_cap_dep_hash_t *h = g_vek_cap_dep_hash) {
+    if (vek_cap_dep_hash_t *h = std::exchange(g_vek_cap_dep_hash, nullptr)) {
         for (uint32_t i = 0; i < h->n_buckets; ++i)
             if (((h->flags[i >> 4] >> ((i & 0xfU) << 1)) & 3U) == 0)
                 std::free(h->keys[i]);
@@ -24,7 +25,6 @@ inline void reset_daemon_state()
         std::free(h->flags);
         std::free(h);
     }
-    g_vek_cap_dep_hash = nullptr;
     g_vek_cap_dep_alloc = {std::calloc, std::realloc, std::free};
     g_vek_cap_global = nullptr;
     g_vek_cap_dbg_level = 1;
@@ -38,7 +38,7 @@ inline void reset_daemon_state()
 }
 
 // The daemon as once started: the double's handle and log sink, `level`, every
-// database connected; no call recorded yet.
+// database connected; no call or log record kept yet.
 inline void start_daemon_state(uint32_t level = 5)
 {
     g_vek_cap_global = kx_global_init("vek_cap", nullptr);
@@ -46,13 +46,12 @@ inline void start_daemon_state(uint32_t level = 5)
     g_vek_cap_dbg_level = level;
     for (auto &s : g_vek_cap_db_state)
         s.state = 1;
-    kxd::clear_calls();
+    kxd::clear();
 }
 
 class DaemonTest : public ::testing::Test {
 protected:
     void SetUp() override { kxd::reset(); reset_daemon_state(); }
-    void TearDown() override { reset_daemon_state(); kxd::reset(); }
 };
 
 } // namespace vek_cap_test

@@ -22,7 +22,7 @@ TEST_F(DbState, DeletionNoticeIsRenewedOnlyWhenEveryDatabaseIsBack)
                           {3, false, "011", false},  {3, true, "111", false}};
     for (const Step &step : steps) {
         SCOPED_TRACE(std::to_string(step.db) + (step.up ? " up" : " down"));
-        kxd::clear_calls();
+        kxd::clear();
         step.up ? kxd::reconnect(step.db, KX_MOM_RECONNECT_SAME) : kxd::disconnect(step.db);
         kxd::run();
         const auto &state = g_vek_cap_db_state;

@@ -30,7 +30,6 @@ protected:
     {
         DaemonTest::SetUp();
         vek_cap_test::start_daemon_state(1);
-        kxd::set_clock(12, 34);
         ASSERT_EQ(vek_cap_init_dep_hash(), 0);
         for (const char *name : {"A", "B", "C"}) {
             vek_cap_dep_item item;
@@ -77,8 +76,7 @@ TEST_F(DepReadiness, EachDeliveryIsAppliedOrRefused)
         SCOPED_TRACE(testing::Message() << "cmd " << c.cmd << " " << c.read.call << " " << c.rc);
         item_of("A")->ready = 0;
         g_vek_cap_sub_last_dep_mod = g_vek_cap_recv_last_dep_mod = {};
-        kxd::clear_logs();
-        kxd::clear_calls();
+        kxd::clear();
         kxd::inject(c.read);
         kx_mom_msg msg{VEK_CAP_DB_HOST, nullptr, c.cmd, c.data, nullptr, 0};
         EXPECT_EQ(vek_cap_dep_pmsg_f(g_vek_cap_global, &msg, item_of("A")), c.rc);
@@ -108,7 +106,7 @@ TEST_F(DepReadiness, RecordsApplyUntilEveryModuleIsReadyThenLatch)
                           {"C", true, "1111", false},  {"A", false, "1111", true}}; // the last one, then latched
     for (const Step &step : steps) {
         SCOPED_TRACE(std::string(step.module) + (step.ready ? " ready" : " not ready"));
-        kxd::clear_logs();
+        kxd::clear();
         kxd::put_raw(VEK_CAP_DB_HOST, std::string("s_frame.cap_dep|") + step.module,
                      {{"ready", step.ready ? "true" : "false"}}, true);
         kxd::run();
@@ -132,7 +130,6 @@ TEST_F(DepReadiness, AFailedSubscriptionStopsThePass)
     EXPECT_EQ(kxd::trace(), std::vector<std::string>(all.begin(), all.begin() + 2));
     ASSERT_EQ(kxd::subscriptions().size(), 1u);
     const kxd::Subscription &first = kxd::subscriptions()[0];
-    EXPECT_EQ(all[0], "kx_mom_subscribe 3 " + first.selection);
     EXPECT_EQ(first.privdata, item_of(first.selection.substr(first.selection.find('|') + 1).c_str()));
     EXPECT_EQ(kxd::log_briefs(),
               std::vector<std::string>{"ERROR app/vek_cap/vek_cap vek_cap_dep_validate: failed,rv -1001"});

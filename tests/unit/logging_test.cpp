@@ -25,7 +25,6 @@ TEST_F(Logging, LevelFileSetsTheGateOfEachClass)
     const std::string names[] = {"ERROR", "WARN", "INFO", "DEBUG"};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.file ? c.file : "no file");
-        TearDown();
         SetUp();
         kxd::set_root(root.path());
         if (c.file)
@@ -51,7 +50,7 @@ TEST_F(Logging, LogLevelCommand)
     vek_cap_test::start_daemon_state(1);
     ASSERT_EQ(vek_cap_ssat_init(g_vek_cap_global, "vek_cap"), 0);
     for (int32_t level : {3, 4, -1, 0}) {
-        kxd::clear_logs();
+        kxd::clear();
         ASSERT_TRUE(kxd::ssat_run("log-level", level));
         EXPECT_EQ(g_vek_cap_dbg_level, static_cast<uint32_t>(level));
         const auto line = "INFO app/vek_cap/vek_cap_dbg vek_cap_log_level: set debug level " + std::to_string(level);
