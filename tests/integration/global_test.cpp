@@ -1,7 +1,6 @@
 // The single-instance lock across real processes. (The loop ending on SIGTERM is
 // checked where a loop runs: ssat_test.)
 #include <csignal>
-#include <string>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -6,9 +6,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
-#include <map>
-#include <set>
 
 #include <event2/event.h>
 
@@ -26,34 +23,26 @@ using Lines = std::vector<std::string>;
 std::string describe(const ProtobufCMessage *msg)
 {
     std::string out = kx::record_key(msg);
-    for (const auto &f : std::span(msg->descriptor->fields, msg->descriptor->n_fields)) {
-        const int32_t tag = static_cast<int32_t>(f.id);
-        std::vector<kx::FieldText> text;
-        if (kx::encode_hash(msg, {&tag, 1}, &text) == 0) // not for the index
-            out += " " + std::string(f.name) + "=" + text[0].text;
-    }
+    for (const auto &f : std::span(msg->descriptor->fields, msg->descriptor->n_fields))
+        if (&f != kx::index_field(msg->descriptor))
+            out += " " + std::string(f.name) + "=" + kx::field_text(msg, &f);
     return out;
 }
 
 std::string describe(const kx_mom_hash_res *res)
 {
-    if (!res || !res->obj)
-        return res ? "no record, error " + std::to_string(res->error_code) : "no result";
-    std::string out = describe(static_cast<const ProtobufCMessage *>(res->obj)) + " [";
-    for (int32_t i = 0; i < res->field_len; ++i)
-        out += (i ? "," : "") + std::to_string(res->field_tag[i]);
-    return out + "]";
+    return res->obj ? describe(static_cast<const ProtobufCMessage *>(res->obj))
+                    : "no record, error " + std::to_string(res->error_code);
 }
 
-// Adds every delivery to the Lines at `lines` as "db:cmd what".
-int32_t recorder(kx_global_t *, kx_mom_msg *m, void *lines)
+// Adds every delivery to the Lines at `out` as "db:cmd what".
+int32_t recorder(kx_global_t *, kx_mom_msg *m, void *out)
 {
     bool hash = m->cmd == KX_MOM_CMD_HSET || m->cmd == KX_MOM_CMD_HDEL;
     std::string what = m->scan_over ? "scan_over" : !m->data ? m->key
                        : hash ? describe(static_cast<kx_mom_hash_res *>(m->data))
                               : describe(static_cast<ProtobufCMessage *>(m->data));
-    static_cast<Lines *>(lines)->push_back(std::to_string(m->db) + ":" + std::to_string(m->cmd) + " " + what);
-    return 0;
+    return static_cast<Lines *>(out)->push_back(std::to_string(m->db) + ":" + std::to_string(m->cmd) + " " + what), 0;
 }
 
 // Runs the loop until `done` holds (false after 5 s).
@@ -68,7 +57,6 @@ kx::Message record(const std::string &key)
     std::string error;
     return kx::Message(kx::parse_key(kx::table_of_key(key), key, &error));
 }
-template <typename T> T *as(const kx::Message &rec) { return reinterpret_cast<T *>(rec.get()); }
 
 class KxMom : public ::testing::Test {
 protected:
@@ -91,86 +79,72 @@ TEST_F(KxMom, RecordsRoundTripInTheDocumentedFormAndSelectionsReachExactlyThem)
 {
     struct Case { const char *key; int32_t value; const char *str, *cli; } cases[] = {
         {"s_frame.cap_glb_table|-1|", -5, "", "bool_value\ntrue\nint32_value\n-5\nstr_value\n"},
+        {"s_frame.cap_glb_table|-1|/fe", 7, "x y", "bool_value\ntrue\nint32_value\n7\nstr_value\nx y"},
         {"s_frame.cap_glb_table|0|a%7Cb%25c", 0, "|%", "bool_value\nfalse\nint32_value\n0\nstr_value\n|%"},
-        {"s_frame.cap_glb_table|16|/fe", 7, "x y", "bool_value\ntrue\nint32_value\n7\nstr_value\nx y"},
     };
     Lines line; // each record as a scan delivers it
     const int32_t tags[] = {6, 7, 8};
     for (const auto &c : cases) {
         kx::Message rec = record(c.key);
-        as<SFrame__CapGlbTable>(rec)->bool_value = c.value != 0;
-        as<SFrame__CapGlbTable>(rec)->int32_value = c.value;
-        as<SFrame__CapGlbTable>(rec)->str_value = strdup(c.str);
+        auto *r = reinterpret_cast<SFrame__CapGlbTable *>(rec.get());
+        r->bool_value = c.value != 0, r->int32_value = c.value, r->str_value = strdup(c.str);
         ASSERT_EQ(kx_mom_hmset_sync(g, 28, rec.get(), tags, 3), 0);
         EXPECT_EQ(cli(28, {"HGETALL", c.key}), c.cli);
-        line.push_back("28:4 " + describe(rec.get()) + " [6,7,8]");
+        line.push_back("28:4 " + describe(rec.get()));
     }
     kx::Message state = record("p_libpub.cap_state"); // a whole value: SET of the packed record
-    as<PLibpub__CapState>(state)->ready = 1;
+    reinterpret_cast<PLibpub__CapState *>(state.get())->ready = 1;
     const int32_t ready[] = {5};
     ASSERT_EQ(kx_mom_hmset_sync(g, 28, state.get(), ready, 1), 0);
     EXPECT_EQ(cli(28, {"GET", "p_libpub.cap_state"}), "(\x01");
 
-    // Never selected: a key that does not parse.
-    cli(28, {"HSET", "s_frame.cap_glb_table|x|/a", "int32_value", "1"});
-    struct Selection { const char *key; Lines selected; } selections[] = {
-        {"s_frame.cap_glb_table|0|", line},
-        {cases[1].key, {line[1]}},
-        {"s_frame.cap_glb_table|16|", {}}, // a real index: that record alone, absent
-    };
-    for (const auto &s : selections) {
+    cli(28, {"HSET", "s_frame.cap_glb_table|x|/a", "int32_value", "1"}); // never selected: it does not parse
+    auto selected = [&](const char *key) {
         Lines rec;
-        ASSERT_EQ(kx_mom_scan_sync(g, 28, record(s.key).get(), 0, recorder, &rec), 0);
-        std::ranges::sort(rec);
-        EXPECT_EQ(rec, s.selected) << s.key;
-    }
+        EXPECT_EQ(kx_mom_scan_sync(g, 28, record(key).get(), 0, recorder, &rec), 0) << key;
+        return std::ranges::sort(rec), rec;
+    };
+    EXPECT_EQ(selected("s_frame.cap_glb_table|0|"), line);
+    EXPECT_EQ(selected(cases[0].key), Lines{line[0]}); // a real index: that record alone, not /fe
 }
 
 TEST_F(KxMom, AsyncScanOfTenThousandDeliversEachRecordOnceThenScanOver)
 {
-    cli(3, {"EVAL", "for i = 1, 10000 do redis.call('HSET', 'p_libpub.cap_table|/u' .. i, "
-                    "'int32_value', i, 'pri', -i) end", "0"});
+    cli(3, {"EVAL", "for i = 1, 10000 do redis.call('HSET', 'p_libpub.cap_table|/u' .. i, 'pri', i) end", "0"});
     Lines rec;
     ASSERT_EQ(kx_mom_scan(g, 3, record("p_libpub.cap_table|").get(), 0, recorder, &rec), 0);
-    EXPECT_TRUE(rec.empty()); // delivered from the loop only
-    ASSERT_TRUE(run_until(g, [&] { return std::ranges::count(rec, "3:0 scan_over"); }));
-    EXPECT_EQ(rec.back(), "3:0 scan_over");
+    ASSERT_TRUE(run_until(g, [&] { return rec.size() && rec.back() == "3:0 scan_over"; }));
     EXPECT_EQ(rec.size(), 10001u);
-    EXPECT_EQ(std::set<std::string>(rec.begin(), rec.end()).size(), 10001u); // each record once
-    EXPECT_EQ(std::ranges::count(rec, "3:4 p_libpub.cap_table|/u9999 bool_value=false "
-                                      "int32_value=9999 str_value= pri=-9999 state=false [7,21]"), 1);
+    std::ranges::sort(rec);
+    EXPECT_EQ(std::ranges::adjacent_find(rec), rec.end()); // each record once
 }
 
-// The subcard withdrawal: each outer callback deletes its own record (node 2
-// also node 5, ahead of the scan), scans db 28 deleting that node's entries,
-// then writes the node's ready record there.
+// The subcard withdrawal: each outer callback deletes its own record, scans
+// db 28 deleting that node's entries, then writes the node's ready record there.
 TEST_F(KxMom, ScanCallbacksMayDeleteNestAndWrite)
 {
-    cli(3, {"EVAL", "for i = 1, 6 do redis.call('HSET', 'p_libpub.cap_subcard_state|' .. i .. "
-                    "'|0', 'ready', 'true') end", "0"});
-    cli(28, {"EVAL", "for i = 1, 6 do for _, u in ipairs({'/a', '/b'}) do redis.call('HSET', "
-                     "'s_frame.cap_subcard_glb_table|' .. i .. '|' .. u, 'bool_value', 'true') end end",
-             "0"});
-    std::vector<int> outer; // the nodes the outer scan delivered
-    static const kx_mom_cb inner = [](kx_global_t *g, kx_mom_msg *m, void *nodes) -> int32_t {
+    cli(3, {"EVAL", "for i = 1, 6 do redis.call('HSET', 'p_libpub.cap_subcard_state|' .. i .. '|0', 'ready', 1) end",
+            "0"});
+    cli(28, {"EVAL", "for i = 1, 12 do redis.call('HSET', 's_frame.cap_subcard_glb_table|' .. (i % 6 + 1) .. "
+                     "'|/' .. i, 'bool_value', 'true') end", "0"}); // two entries a node
+    static std::vector<int> outer; // the nodes the outer scan delivered
+    static const kx_mom_cb inner = [](kx_global_t *g, kx_mom_msg *m, void *) -> int32_t {
         auto *rec = static_cast<SFrame__CapSubcardGlbTable *>(static_cast<kx_mom_hash_res *>(m->data)->obj);
-        int node = static_cast<std::vector<int> *>(nodes)->back();
-        return rec->index->node == node ? kx_mom_del_sync(g, 28, &rec->base) : 0;
+        return rec->index->node == outer.back() ? kx_mom_del_sync(g, 28, &rec->base) : 0;
     };
-    auto on_outer = [](kx_global_t *g, kx_mom_msg *m, void *nodes) -> int32_t {
+    auto on_outer = [](kx_global_t *g, kx_mom_msg *m, void *) -> int32_t {
         auto *rec = static_cast<PLibpub__CapSubcardState *>(static_cast<kx_mom_hash_res *>(m->data)->obj);
-        int node = rec->index->nodeid;
-        static_cast<std::vector<int> *>(nodes)->push_back(node);
+        outer.push_back(rec->index->nodeid);
         EXPECT_EQ(kx_mom_del_sync(g, 3, &rec->base), 0);
-        EXPECT_EQ(node == 2 ? kx_mom_del_sync(g, 3, record("p_libpub.cap_subcard_state|5|0").get()) : 0, 0);
-        EXPECT_EQ(kx_mom_scan_sync(g, 28, record("s_frame.cap_subcard_glb_table|0|").get(), 0, inner, nodes), 0);
+        EXPECT_EQ(kx_mom_scan_sync(g, 28, record("s_frame.cap_subcard_glb_table|0|").get(), 0, inner, nullptr), 0);
         const int32_t tag[] = {6};
-        return kx_mom_hmset_sync(g, 28, record("s_frame.cap_subcard_ready|" + std::to_string(node)).get(), tag, 1);
+        kx::Message ready = record("s_frame.cap_subcard_ready|" + std::to_string(outer.back()));
+        return kx_mom_hmset_sync(g, 28, ready.get(), tag, 1);
     };
-    ASSERT_EQ(kx_mom_scan_sync(g, 3, record("p_libpub.cap_subcard_state|0|0").get(), 0, on_outer, &outer), 0);
-    EXPECT_EQ(outer, (std::vector<int>{1, 2, 3, 4, 6}));
+    ASSERT_EQ(kx_mom_scan_sync(g, 3, record("p_libpub.cap_subcard_state|0|0").get(), 0, on_outer, nullptr), 0);
+    EXPECT_EQ(outer, (std::vector<int>{1, 2, 3, 4, 5, 6}));
     EXPECT_EQ(cli(3, {"DBSIZE"}), "0");
-    EXPECT_EQ(cli(28, {"DBSIZE"}), "7"); // the ready records of 1-4 and 6, the entries of 5
+    EXPECT_EQ(cli(28, {"DBSIZE"}), "6"); // the ready records alone
 }
 
 TEST_F(KxMom, EveryKeyspaceEventOfAnotherWriterMapsToItsDelivery)
@@ -179,14 +153,13 @@ TEST_F(KxMom, EveryKeyspaceEventOfAnotherWriterMapsToItsDelivery)
     ASSERT_EQ(kx_mom_subscribe(g, 3, record("s_frame.cap_dep|").get(), 0, recorder, &table), 0);
     for (const char *key : {"s_frame.cap_dep|one", "s_frame.cap_dep|one", "p_libpub.cap_state"})
         ASSERT_EQ(kx_mom_subscribe(g, 3, record(key).get(), 0, recorder, &one), 0); // again: no second route
-    EXPECT_TRUE(table.empty() && one.empty()); // confirmed from the loop only
     const std::string k1 = "s_frame.cap_dep|one", k2 = "s_frame.cap_dep|two";
-    const std::string set = "3:4 " + k1 + " ready=true [6]", gone = "3:3 " + k1 + " ready=false";
-    const std::string hdel = "3:6 " + k1 + " ready=true [6]", bad = "3:4 no record, error -1003";
+    const std::string set = "3:4 " + k1 + " ready=true", gone = "3:3 " + k1 + " ready=false";
+    const std::string hdel = "3:6 " + k1 + " ready=true", bad = "3:4 no record, error -1003";
+    auto expired = [&] { return cli(3, {"EXISTS", k1}) == "0"; };
     struct Case { std::vector<Lines> writes; Lines table, one; } cases[] = {
         {{}, {"3:29 s_frame.cap_dep|*"}, {"3:29 " + k1, "3:29 " + k1, "3:29 p_libpub.cap_state"}},
-        {{{"HSET", k1, "ready", "true"}}, {set}, {set}},
-        {{{"HSET", k1, "x", "1"}, {"HDEL", k1, "x"}}, {set, hdel}, {set, hdel}},
+        {{{"HSET", k1, "ready", "1"}, {"HSET", k1, "x", "1"}, {"HDEL", k1, "x"}}, {set, set, hdel}, {set, set, hdel}},
         {{{"HDEL", k1, "ready"}}, {gone}, {gone}}, // its last field: the record is gone
         {{{"HSET", k2, "ready", "1"}, {"RENAME", k2, k1}}, {"3:3 s_frame.cap_dep|two ready=false", set}, {set}},
         {{{"PEXPIRE", k1, "1"}, {"?gone", k1}}, {gone}, {gone}},
@@ -197,70 +170,53 @@ TEST_F(KxMom, EveryKeyspaceEventOfAnotherWriterMapsToItsDelivery)
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);
         table.clear(), one.clear();
-        for (const auto &w : c.writes) { // "?gone": read it until the server has expired it
-            auto expired = [&] { return cli(3, {"EXISTS", w[1]}) == "0"; };
+        for (const auto &w : c.writes) // "?gone": read it until the server has expired it
             w[0] == "?gone" ? (void)testsupport::wait_for(expired) : (void)cli(3, w);
-        }
         // One connection's events arrive in order: the sentinel's comes last.
         cli(3, {"HSET", "s_frame.cap_dep|~", "ready", "true"});
-        const std::string sentinel = "3:4 s_frame.cap_dep|~ ready=true [6]";
-        ASSERT_TRUE(run_until(g, [&] { return table.size() && table.back() == sentinel; }));
+        ASSERT_TRUE(run_until(g, [&] { return table.size() && table.back().starts_with("3:4 s_frame.cap_dep|~"); }));
         table.pop_back();
         EXPECT_EQ(table, c.table);
         EXPECT_EQ(one, c.one);
     }
 }
 
-// Per database, in order, what its connection callbacks and its follower saw;
-// what another writer does while it is down.
+// Per database, in order, what its connection callbacks and its follower saw. The
+// follower reads the record `late` on every confirmation, as the daemon catches up;
+// another writer changes it whenever the connection is down.
 std::map<int32_t, Lines> seen;
-std::function<void(int32_t db)> while_down;
+std::function<void(int32_t db)> write_late;
 const std::string late = "s_frame.cap_glb_table|0|/late";
 
 TEST_F(KxMom, LostConnectionsGiveOneDisconnectTheRightReconnectAndACatchUp)
 {
-    // Each database's follower reads the record `late` on every confirmation,
-    // as the daemon catches up; the other writer changes it while it is down.
-    std::map<int32_t, int> written;
-    int step = 0;
-    seen.clear();
-    while_down = [&](int32_t db) { cli(db, {"HSET", late, "int32_value", std::to_string(written[db] = step)}); };
+    int written = 0;
+    write_late = [&](int32_t db) { cli(db, {"HSET", late, "int32_value", std::to_string(++written)}); };
     auto follower = [](kx_global_t *g, kx_mom_msg *m, void *) -> int32_t {
         kx::HashRes res(kx_mom_hgetall_sync(g, m->db, record(late).get()));
         return seen[m->db].push_back(std::to_string(m->cmd) + " " + describe(res.get())), 0;
     };
+    auto down = [](kx_global_t *, int32_t db) { return seen[db].push_back("down"), write_late(db), 0; };
+    auto up = [](kx_global_t *, int32_t db, int32_t t) { return seen[db].push_back("up " + std::to_string(t)), 0; };
     for (int32_t db : {3, 28}) {
-        while_down(db);
-        ASSERT_EQ(kx_mom_client_set_disconnect_cb(g, db, [](kx_global_t *g, int32_t db) {
-            seen[db].push_back("down");
-            EXPECT_EQ(kx_mom_del_sync(g, db, record(late).get()), KX_MOM_ENOTCONN); // at once
-            return while_down(db), 0;
-        }, 0), 0);
-        ASSERT_EQ(kx_mom_client_set_reconnect_cb(g, db, [](kx_global_t *, int32_t db, int32_t type) {
-            return seen[db].push_back("up type " + std::to_string(type)), 0;
-        }, 0), 0);
+        ASSERT_EQ(kx_mom_client_set_disconnect_cb(g, db, down, 0), 0);
+        ASSERT_EQ(kx_mom_client_set_reconnect_cb(g, db, up, 0), 0);
         ASSERT_EQ(kx_mom_subscribe(g, db, record("s_frame.cap_dep|").get(), 0, follower, nullptr), 0);
     }
     ASSERT_TRUE(run_until(g, [&] { return seen.size() == 2; }));
-    struct Case { const char *name; int32_t db; Lines kill; int type; } cases[] = {
-        {"commands", 3, {"CLIENT", "KILL", "TYPE", "normal"}, 2},
-        {"subscribers", 28, {"CLIENT", "KILL", "TYPE", "pubsub"}, 2},
-        {"restarted server", 3, {}, 1},
+    const std::tuple<int32_t, Lines, int> cases[] = { // the database, how it goes down, reconnect type
+        {3, {"CLIENT", "KILL", "TYPE", "normal"}, 2},
+        {28, {"CLIENT", "KILL", "TYPE", "pubsub"}, 2},
+        {3, {}, 1}, // the server restarted
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        seen.clear(), ++step;
-        c.kill.empty() ? local.restart() : (void)cli(c.db, c.kill);
-        ASSERT_TRUE(run_until(g, [&] { return seen[c.db].size() == 3 && seen.size() == 2; }));
-        // One disconnect and reconnect; then every subscription of every
-        // database is confirmed again, once, and reads what was written.
-        for (auto &[db, lines] : seen) {
-            Lines expected{"29 " + late + " bool_value=false int32_value=" + std::to_string(written[db]) +
-                           " str_value= [7]"};
-            if (db == c.db)
-                expected.insert(expected.begin(), {"down", "up type " + std::to_string(c.type)});
-            EXPECT_EQ(lines, expected) << db;
-        }
+    for (const auto &[db, kill, type] : cases) {
+        seen.clear();
+        kill.empty() ? local.restart() : (void)cli(db, kill);
+        // One disconnect and reconnect; then every database's subscription is
+        // confirmed again, this one's reading what was written while it was down.
+        ASSERT_TRUE(run_until(g, [&] { return seen[db].size() == 3 && seen.size() == 2; })) << "db " << db;
+        EXPECT_EQ(seen[db], (Lines{"down", "up " + std::to_string(type), "29 " + late +
+                  " bool_value=false int32_value=" + std::to_string(written) + " str_value="}));
     }
 }
 
