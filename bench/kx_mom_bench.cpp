@@ -58,6 +58,21 @@ std::string url(int i)
     return "/fe/l3/entry/" + std::to_string(i);
 }
 
+// A record of card 16 in s_frame.cap_glb_table, its url borrowed.
+struct GlbRecord {
+    SFrame__CapGlbTableIndex index = S_FRAME__CAP_GLB_TABLE_INDEX__INIT;
+    SFrame__CapGlbTable rec = S_FRAME__CAP_GLB_TABLE__INIT;
+
+    explicit GlbRecord(std::string &url)
+    {
+        index.node = 16;
+        index.url = url.data();
+        rec.index = &index;
+    }
+    GlbRecord(const GlbRecord &) = delete;
+    GlbRecord &operator=(const GlbRecord &) = delete;
+};
+
 int32_t count_record(kx_global_t *, kx_mom_msg *msg, void *privdata)
 {
     auto *res = static_cast<kx_mom_hash_res *>(msg->data);
@@ -100,26 +115,18 @@ bool run()
     int failures = 0;
     all.push_back({"kx_mom_hmset_sync (3 fields)", kRecords, [&] {
         for (int i = 0; i < kRecords; ++i) {
-            SFrame__CapGlbTableIndex index = S_FRAME__CAP_GLB_TABLE_INDEX__INIT;
-            index.node = 16;
-            index.url = urls[i].data();
-            SFrame__CapGlbTable rec = S_FRAME__CAP_GLB_TABLE__INIT;
-            rec.index = &index;
-            rec.bool_value = 1;
-            rec.int32_value = i;
-            rec.str_value = const_cast<char *>("x");
-            failures += kx_mom_hmset_sync(g, 28, &rec.base, tags, 3) != 0;
+            GlbRecord r(urls[i]);
+            r.rec.bool_value = 1;
+            r.rec.int32_value = i;
+            r.rec.str_value = const_cast<char *>("x");
+            failures += kx_mom_hmset_sync(g, 28, &r.rec.base, tags, 3) != 0;
         }
     }});
 
     all.push_back({"kx_mom_hgetall_sync", kRecords, [&] {
         for (int i = 0; i < kRecords; ++i) {
-            SFrame__CapGlbTableIndex index = S_FRAME__CAP_GLB_TABLE_INDEX__INIT;
-            index.node = 16;
-            index.url = urls[i].data();
-            SFrame__CapGlbTable key = S_FRAME__CAP_GLB_TABLE__INIT;
-            key.index = &index;
-            kx_mom_hash_res *res = kx_mom_hgetall_sync(g, 28, &key.base);
+            GlbRecord key(urls[i]);
+            kx_mom_hash_res *res = kx_mom_hgetall_sync(g, 28, &key.rec.base);
             failures += !res || !res->obj;
             kx_mom_hash_res_free(res);
         }

@@ -23,8 +23,6 @@ inline constexpr int32_t VEK_CAP_DB_CE_GLOBAL = 28; // chassis-global: "ce_globa
 inline constexpr const char *VEK_CAP_DEP_DIR = "/etc/cap_cfg/cap_dep/fe";
 inline constexpr const char *VEK_CAP_HAM_FILE = "/var/run/vek_cap_ham.txt";
 inline constexpr const char *VEK_CAP_DBG_FILE = "/data/.tavo/vsd/0/sw-frame/cap/vek_cap/vek_cap_dbg.txt";
-inline constexpr const char *VEK_CAP_COLLECT_DIR = "/data/collect";
-inline constexpr const char *VEK_CAP_COLLECT_FILE = "vek_cap.log";
 
 // ---- process-wide state ----------------------------------------------------------
 struct vek_cap_db_state_t {

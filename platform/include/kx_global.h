@@ -17,11 +17,8 @@ typedef struct kx_timestamp {
 // it is already a live handle, and nullptr when the loop cannot be created.
 kx_global_t *kx_global_init(const char *module, kx_global_t *global);
 
-// Runs the loop until SIGTERM or SIGINT (or kx_global_stop). Returns 0.
+// Runs the loop until SIGTERM or SIGINT. Returns 0, or -1 when it cannot run.
 int32_t kx_global_run(kx_global_t *global);
-
-// Makes kx_global_run return after the callback now running.
-void kx_global_stop(kx_global_t *global);
 
 // Closes every store connection and the debug shell and frees the handle.
 void kx_global_finish(kx_global_t *global);

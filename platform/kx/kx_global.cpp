@@ -67,12 +67,6 @@ int32_t kx_global_run(kx_global_t *global)
     return event_base_dispatch(global->base) < 0 ? -1 : 0;
 }
 
-void kx_global_stop(kx_global_t *global)
-{
-    if (global && global->base)
-        event_base_loopbreak(global->base);
-}
-
 void kx_global_finish(kx_global_t *global)
 {
     if (!global)

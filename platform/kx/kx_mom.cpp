@@ -26,6 +26,14 @@ int32_t server_refused(int32_t db, const std::string &key, const redisReply *r)
     return KX_MOM_ESERVER;
 }
 
+// Runs one write: 0, the transport's code, or the server's refusal.
+int32_t run_write(Database &d, const std::string &key, const Command &cmd)
+{
+    Reply r;
+    int32_t rc = run_command(d, cmd, &r);
+    return rc == 0 && r->type == REDIS_REPLY_ERROR ? server_refused(d.db, key, r.get()) : rc;
+}
+
 // A hash result from an HGETALL reply; nullptr when the key does not exist.
 kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
                                  const ProtobufCMessageDescriptor *table, const redisReply *r)
@@ -360,11 +368,7 @@ int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessag
             cmd.push_back(f.text);
         }
     }
-    kx::Reply r;
-    rc = kx::run_command(*d, cmd, &r);
-    if (rc == 0 && r->type == REDIS_REPLY_ERROR)
-        rc = kx::server_refused(db, key, r.get());
-    return rc;
+    return kx::run_write(*d, key, cmd);
 }
 
 int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
@@ -374,10 +378,7 @@ int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage 
     if (!d)
         return rc;
     std::string k = kx::record_key(key);
-    kx::Reply r;
-    rc = kx::run_command(*d, {"DEL", k}, &r);
-    if (rc == 0 && r->type == REDIS_REPLY_ERROR)
-        rc = kx::server_refused(db, k, r.get());
+    rc = kx::run_write(*d, k, {"DEL", k});
     if (rc == 0)
         kx::note_deleted(*d, k);
     return rc;
