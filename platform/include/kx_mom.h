@@ -98,8 +98,8 @@ int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage
 int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                     uint32_t flags, kx_mom_cb cb, void *privdata);
 
-// Reads one record. A missing record gives an empty message and *error 0; a
-// non-null result is freed with kx_mom_kx_obj_free whatever *error holds.
+// Reads one record. A missing record gives nullptr and *error 0, so that nothing
+// is applied; a non-null result is freed with kx_mom_kx_obj_free whatever *error holds.
 void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                       int32_t *error);
 // Reads one hash record. A missing record gives a result with no obj and

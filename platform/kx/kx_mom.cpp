@@ -315,13 +315,12 @@ void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *k
     code = kx::run_command(*d, kx::read_command(key->descriptor, k), &r);
     if (code != 0)
         return nullptr;
-    if (kx::stored_whole(key->descriptor)) {
-        ProtobufCMessage *record = kx::whole_from_reply(db, k, key->descriptor, r.get(), &code);
-        return record || code != 0 ? record : kx::new_record(key->descriptor);
-    }
+    // A missing record is no object and no error: the caller's "no record" path.
+    if (kx::stored_whole(key->descriptor))
+        return kx::whole_from_reply(db, k, key->descriptor, r.get(), &code);
     kx::HashRes res(kx::hash_from_reply(db, k, key->descriptor, r.get()));
     if (!res)
-        return kx::new_record(key->descriptor);
+        return nullptr;
     code = res->error_code;
     return std::exchange(res->obj, nullptr);
 }

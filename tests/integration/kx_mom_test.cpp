@@ -97,6 +97,13 @@ TEST_F(KxMom, RecordsRoundTripInTheDocumentedFormAndSelectionsReachExactlyThem)
     const int32_t ready[] = {5};
     ASSERT_EQ(kx_mom_hmset_sync(g, 28, state.get(), ready, 1), 0);
     EXPECT_EQ(cli(28, {"GET", "p_libpub.cap_state"}), "(\x01");
+    int32_t error = -1; // read back, then gone: no object and no error
+    kx::Message back(static_cast<ProtobufCMessage *>(kx_mom_get_sync(g, 28, state.get(), &error)));
+    ASSERT_TRUE(back);
+    EXPECT_EQ(describe(back.get()) + " " + std::to_string(error), "p_libpub.cap_state ready=true 0");
+    cli(28, {"DEL", "p_libpub.cap_state"});
+    EXPECT_EQ(kx_mom_get_sync(g, 28, state.get(), &error), nullptr);
+    EXPECT_EQ(error, 0);
 
     cli(28, {"HSET", "s_frame.cap_glb_table|x|/a", "int32_value", "1"}); // never selected: it does not parse
     auto selected = [&](const char *key) {

@@ -97,11 +97,14 @@ kx_mom_hash_res *read_hash(int32_t db, const std::string &key)
     return kx::decode_hash(db, key, kx::table_of_key(key), fields, &why);
 }
 
-// GET now: a missing record is empty.
+// GET now: a missing record is no object and no error.
 ProtobufCMessage *read_whole(int32_t db, const std::string &key, int32_t *error)
 {
     const Fields *record = find(db, key);
-    std::string why, packed = record && !record->empty() ? record->front().second : "";
+    *error = 0;
+    if (!record)
+        return nullptr;
+    std::string why, packed = !record->empty() ? record->front().second : "";
     ProtobufCMessage *obj = kx::decode_whole(kx::table_of_key(key), key, packed, &why);
     *error = obj ? 0 : KX_MOM_EPROTO;
     return obj;
