@@ -104,6 +104,9 @@ void vek_cap_log_emit(std::string_view unit, std::string_view func, long line, i
         }                                                                              \
     } while (0)
 
+// A time stamp's two words for "%lu:%lu".
+#define VEK_CAP_TS(t) static_cast<unsigned long>((t).sec), static_cast<unsigned long>((t).usec)
+
 #define VEK_CAP_ERR(...) VEK_CAP_LOG(1u, KX_ZLOG_LEVEL_ERROR, __VA_ARGS__)
 #define VEK_CAP_WARN(...) VEK_CAP_LOG(2u, KX_ZLOG_LEVEL_WARN, __VA_ARGS__)
 #define VEK_CAP_INFO(...) VEK_CAP_LOG(4u, KX_ZLOG_LEVEL_INFO, __VA_ARGS__)
@@ -148,19 +151,46 @@ int vek_cap_insert_dep_hash(const vek_cap_dep_item *item, int dir);
 int vek_cap_walk_dep_hash(vek_cap_dep_walk_cb cb, void *priv);
 int vek_cap_chk_ready(vek_cap_dep_item *item, void *para);
 
+// ---- store results -----------------------------------------------------------------
+// The convention for a hash result about to be consumed: none ("result NULL") or a failed
+// read ("result error_code %d") is -21, logged as the error of `func`; otherwise 0.
+int32_t vek_cap_res_check(std::string_view func, const kx_mom_hash_res *res);
+// Reads one hash record of `db` now, hands it to `pro` and releases it: a subscription's
+// catch-up with the record as it is.
+int32_t vek_cap_hgetall_pro(int32_t db, const ProtobufCMessage *key,
+                            int32_t (*pro)(kx_mom_hash_res *res));
+
 // ---- dependency readiness ---------------------------------------------------------
 int vek_cap_dep_validate(vek_cap_dep_item *item, void *priv);
 int32_t vek_cap_dep_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata);
 int32_t vek_cap_dep_pro(kx_mom_hash_res *result);
 
+// ---- capability copy ----------------------------------------------------------------
+// Field numbers above this one (pri 21, state 22) are local and never reach the chassis.
+inline constexpr uint32_t VEK_CAP_GLB_FIELD_MAX = 8;
+// Longest url copied, its terminating zero not counted.
+inline constexpr size_t VEK_CAP_URL_MAX = 255;
+
+int vek_cap_tag_cmp(const void *a, const void *b);
+int32_t fe_glb_key_trace_url(kx_global_t *global, kx_mom_msg *pmsg, void *privdata);
+// `privdata` points to the subcard's node: entries of other subcards are skipped.
+int32_t subcard_glb_key_trace_url(kx_global_t *global, kx_mom_msg *pmsg, void *privdata);
+
 // ---- capability publication -----------------------------------------------------------
 int32_t vek_cap_glb_cap_db_validate(int32_t arg);
+void vek_cap_write_glb_fe(int32_t arg);
+int32_t vek_cap_write_glb_fe_table(void);
+int32_t vek_cap_set_node_state(void);
 int32_t vek_cap_local_ready_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata);
+int32_t vek_cap_local_ready_pro(const PLibpub__CapState *state);
 int32_t vek_cap_del_fe_ready_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata);
+int32_t vek_cap_del_noti_node_state(int32_t node, int32_t config_dev_type);
 
 // ---- card identity -----------------------------------------------------------------
 int32_t vek_cap_dp_my_info_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata);
+int32_t vek_cap_dp_my_info_pro(kx_mom_hash_res *res);
 int32_t vek_cap_dp_my_chss_info_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata);
+int32_t vek_cap_dp_my_chss_info_pro(kx_mom_hash_res *res);
 
 // ---- subcards ----------------------------------------------------------------------
 int32_t vek_cap_sub_card_ready_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata);

@@ -98,3 +98,26 @@ int32_t vek_cap_client_set_reconnect_cb(int32_t db)
                     static_cast<void *>(g_vek_cap_global), db, rv);
     return rv;
 }
+
+int32_t vek_cap_res_check(std::string_view func, const kx_mom_hash_res *res)
+{
+    if (!res) {
+        VEK_CAP_LOG_AS(func, 1u, KX_ZLOG_LEVEL_ERROR, "result NULL");
+        return -21;
+    }
+    if (res->error_code != 0) {
+        VEK_CAP_LOG_AS(func, 1u, KX_ZLOG_LEVEL_ERROR, "result error_code %d", res->error_code);
+        return -21;
+    }
+    return 0;
+}
+
+int32_t vek_cap_hgetall_pro(int32_t db, const ProtobufCMessage *key,
+                            int32_t (*pro)(kx_mom_hash_res *res))
+{
+    // The release is unconditional: kx_mom_hash_res_free also takes an empty result.
+    kx_mom_hash_res *res = kx_mom_hgetall_sync(g_vek_cap_global, db, key);
+    int32_t rv = pro(res);
+    kx_mom_hash_res_free(res);
+    return rv;
+}

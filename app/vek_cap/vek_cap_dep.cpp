@@ -55,8 +55,7 @@ int32_t vek_cap_dep_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata
     case KX_MOM_CMD_HSET:
     case KX_MOM_CMD_HDEL:
         kx_monotime(&g_vek_cap_recv_last_dep_mod);
-        VEK_CAP_ERR("DEP enter, %lu:%lu", static_cast<unsigned long>(g_vek_cap_recv_last_dep_mod.sec),
-                    static_cast<unsigned long>(g_vek_cap_recv_last_dep_mod.usec));
+        VEK_CAP_ERR("DEP enter, %lu:%lu", VEK_CAP_TS(g_vek_cap_recv_last_dep_mod));
         // The carried result belongs to the store.
         rv = vek_cap_dep_pro(static_cast<kx_mom_hash_res *>(pmsg->data));
         break;
@@ -68,14 +67,10 @@ int32_t vek_cap_dep_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata
         auto *item = static_cast<vek_cap_dep_item *>(privdata);
         kx_monotime(&g_vek_cap_sub_last_dep_mod);
         VEK_CAP_ERR("DEP subscribe ok, module %s %lu:%lu", item->module,
-                    static_cast<unsigned long>(g_vek_cap_sub_last_dep_mod.sec),
-                    static_cast<unsigned long>(g_vek_cap_sub_last_dep_mod.usec));
+                    VEK_CAP_TS(g_vek_cap_sub_last_dep_mod));
         // A subscription reports changes only: catch up with the record as it is now.
-        // The release is unconditional: kx_mom_hash_res_free also takes an empty result.
         dep_query query(item);
-        kx_mom_hash_res *result = kx_mom_hgetall_sync(g_vek_cap_global, VEK_CAP_DB_HOST, query.key());
-        rv = vek_cap_dep_pro(result);
-        kx_mom_hash_res_free(result);
+        rv = vek_cap_hgetall_pro(VEK_CAP_DB_HOST, query.key(), vek_cap_dep_pro);
         break;
     }
     default:
@@ -91,14 +86,8 @@ int32_t vek_cap_dep_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata
 
 int32_t vek_cap_dep_pro(kx_mom_hash_res *result)
 {
-    if (!result) {
-        VEK_CAP_ERR("result NULL");
-        return -21;
-    }
-    if (result->error_code != 0) {
-        VEK_CAP_ERR("result error_code %d", result->error_code);
-        return -21;
-    }
+    if (int32_t rv = vek_cap_res_check(__func__, result); rv != 0)
+        return rv;
     VEK_CAP_INFO("enter");
     const auto *dep = static_cast<const SFrame__CapDep *>(result->obj);
     if (!dep) {

@@ -3,6 +3,7 @@
 // it, reconnects after its connections are killed, stops with the connect code without
 // a server, and subscribes its dependency modules in bucket order until all are ready.
 #include <algorithm>
+#include <functional>
 #include <csignal>
 #include <map>
 #include <memory>
@@ -135,6 +136,147 @@ TEST_F(Daemon, SubscribesModulesInBucketOrderAppliesTheirRecordsAndLatches)
     EXPECT_EQ(count("vek_cap_insert_dep_hash", "INFO module fib_mgr, ready 0 dir 1"), 0);
     daemon_->signal(SIGTERM);
     EXPECT_EQ(daemon_->wait(), 0);
+}
+
+// A card as its services build it: two dependency modules, an identity, a devid,
+// capability entries (with the local-only pri and state) and the local ready flag.
+class Card : public Daemon {
+protected:
+    void SetUp() override
+    {
+        Daemon::SetUp();
+        for (const char *module : {"fib_mgr", "acl_mgr"})
+            write_file(root_ / "etc/cap_cfg/cap_dep/fe/" + module, "");
+    }
+    // Starts the daemon and waits until its start-up catch-up reads are over.
+    void boot()
+    {
+        start();
+        ASSERT_TRUE(wait_for([&] { return count("vek_cap_dp_my_chss_info_pmsg_f", "ERROR failed,rv -4") +
+                                          count("vek_cap_dp_my_chss_info_pro", "INFO leave") > 0; }))
+            << log();
+    }
+    void identity() { cli(1, {"HSET", "p_dev.dp_lib_my_info", "card_nodeid", "16", "card_type", "5", "slotid", "3", "sslotid", "1", "dm_my_node_type", "3", "actual_card_type", "9"}); }
+    void devid() { cli(1, {"HSET", "p_dev.dp_lib_my_chss_info", "devid", "7", "dev_desc", "chassis"}); }
+    void local_ready(bool ready) { cli(3, {"SET", "p_libpub.cap_state", ready ? "\x28\x01" : ""}); }
+    void modules()
+    {
+        for (const char *module : {"fib_mgr", "acl_mgr"})
+            cli(3, {"HSET", std::string("s_frame.cap_dep|") + module, "ready", "true"});
+    }
+    void entries()
+    {
+        cli(3, {"HSET", "p_libpub.cap_table|/fe/l3/ecmp", "bool_value", "true", "int32_value", "64", "str_value", "", "pri", "3", "state", "true"});
+        cli(3, {"HSET", "p_libpub.cap_table|/fe/a%7Cb", "int32_value", "-1", "pri", "1"});
+    }
+    std::string cli(int db, const Lines &args) { return redis_.cli(db, args); }
+    // Publication tries so far: each applied input makes one.
+    long tries() const
+    {
+        static const std::regex tried("WARN node 0x\\S+ devid .*");
+        long n = 0;
+        for (const auto &text : lines("vek_cap_glb_cap_db_validate"))
+            n += std::regex_match(text, tried);
+        return n;
+    }
+    static inline const Lines published = {
+        "s_frame.cap_fe_ready|16|5 ready=true config_dev_type=5 devid=7 slotid=3 sslotid=1 node_type=3 real_time=true",
+        "s_frame.cap_glb_table|16|/fe/a%7Cb int32_value=-1",
+        "s_frame.cap_glb_table|16|/fe/l3/ecmp bool_value=true int32_value=64 str_value="};
+    bool converged(const Lines &expected = published) const
+    {
+        return wait_for([&] { return redis_.dump(28) == expected; });
+    }
+};
+
+// Whatever the order of the four conditions, the card publishes when the last one holds
+// and not before, exactly its entries (without pri and state) and its ready record.
+TEST_F(Card, PublishesWhenTheLastConditionHoldsAndNeverBefore)
+{
+    struct Input { const char *name; std::function<void()> write; int records; };
+    std::vector<Input> inputs = {{"identity", [&] { identity(); }, 1},
+                                 {"devid", [&] { devid(); }, 1},
+                                 {"local ready", [&] { local_ready(true); }, 1},
+                                 {"modules", [&] { modules(); }, 2}};
+    std::ranges::sort(inputs, {}, &Input::name);
+    do {
+        std::string order;
+        for (const Input &in : inputs)
+            order += std::string(in.name) + ", ";
+        SCOPED_TRACE(order);
+        redis_.cli(0, {"FLUSHALL"});
+        write_file(log_, "");
+        entries();
+        boot();
+        for (size_t i = 0; i < inputs.size(); ++i) {
+            const long before = tries();
+            inputs[i].write();
+            if (i + 1 == inputs.size())
+                break;
+            ASSERT_TRUE(wait_for([&] { return tries() >= before + inputs[i].records; })) << log();
+            ASSERT_EQ(redis_.dump(28), Lines{}) << "after " << inputs[i].name;
+        }
+        EXPECT_TRUE(converged()) << log();
+        daemon_->signal(SIGTERM);
+        ASSERT_EQ(daemon_->wait(), 0);
+    } while (std::ranges::next_permutation(inputs, {}, &Input::name).found);
+}
+
+// Inputs written before the daemon starts are caught up; an entry the copy refuses is
+// logged and the others are published all the same.
+TEST_F(Card, CatchesUpAtStartAndRefusesBadEntriesAlone)
+{
+    entries();
+    cli(3, {"HSET", "p_libpub.cap_table|/bad/int", "int32_value", "12abc"});
+    const std::string longest = "/" + std::string(254, 'u');
+    cli(3, {"HSET", "p_libpub.cap_table|" + longest, "str_value", "longest"});
+    cli(3, {"HSET", "p_libpub.cap_table|" + longest + "u", "str_value", "too long"});
+    identity(), devid(), local_ready(true), modules();
+    start();
+    Lines expected = published;
+    expected.push_back("s_frame.cap_glb_table|16|" + longest + " str_value=longest");
+    EXPECT_TRUE(converged(expected)) << testing::PrintToString(redis_.dump(28));
+    EXPECT_EQ(count("fe_glb_key_trace_url", "ERROR result error_code -1003"), 1) << log();
+    EXPECT_EQ(count("fe_glb_key_trace_url", "ERROR tmp->index->url len too long 256!"), 1) << log();
+}
+
+// A deletion notice for this card has it write its entries again, remove the notice and
+// write its ready record again; a notice for another card stays; one written before the
+// watch existed is found by its first scan.
+TEST_F(Card, RewritesItselfOnItsOwnDeletionNoticesOnly)
+{
+    cli(28, {"HSET", "s_frame.cap_del_fe_ready|16|9", "ready", "false"}); // before the watch
+    cli(28, {"HSET", "s_frame.cap_del_fe_ready|17|5", "ready", "false"});
+    entries(), identity(), devid(), local_ready(true), modules();
+    start();
+    const std::string other = "s_frame.cap_del_fe_ready|17|5 ready=false";
+    Lines expected = published;
+    expected.insert(expected.begin(), other);
+    ASSERT_TRUE(converged(expected)) << testing::PrintToString(redis_.dump(28));
+    EXPECT_EQ(count("vek_cap_del_fe_ready_pmsg_f", "ERROR rewrite my cap, node 16"), 1);
+    // The supervisor removes the card's records and says so.
+    cli(28, {"DEL", "s_frame.cap_fe_ready|16|5", "s_frame.cap_glb_table|16|/fe/a%7Cb"});
+    cli(28, {"HSET", "s_frame.cap_del_fe_ready|16|5", "ready", "false"});
+    EXPECT_TRUE(converged(expected)) << testing::PrintToString(redis_.dump(28));
+    EXPECT_EQ(count("vek_cap_del_fe_ready_pmsg_f", "ERROR rewrite my cap, node 16"), 2);
+}
+
+// Connections killed while the card's inputs change: it stays up, and the catch-up after
+// the reconnect brings db 28 to the new inputs.
+TEST_F(Card, ConvergesToInputsChangedWhileItsConnectionsWereDown)
+{
+    entries(), identity(), devid(), local_ready(true), modules();
+    start();
+    ASSERT_TRUE(converged()) << log();
+    redis_.cli(0, {"CLIENT", "KILL", "TYPE", "pubsub"});
+    redis_.cli(0, {"CLIENT", "KILL", "TYPE", "normal"});
+    cli(3, {"HSET", "p_libpub.cap_table|/fe/a%7Cb", "int32_value", "2"});
+    cli(3, {"HSET", "p_libpub.cap_table|/new", "bool_value", "true"});
+    Lines expected = published;
+    expected[1] = "s_frame.cap_glb_table|16|/fe/a%7Cb int32_value=2";
+    expected.push_back("s_frame.cap_glb_table|16|/new bool_value=true");
+    EXPECT_TRUE(converged(expected)) << testing::PrintToString(redis_.dump(28));
+    EXPECT_TRUE(daemon_->running());
 }
 
 } // namespace

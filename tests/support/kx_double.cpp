@@ -177,6 +177,17 @@ void put_raw(int32_t db, const std::string &key, const Fields &fields, bool tell
         notify(db, key, false);
 }
 
+std::vector<std::string> contents(int32_t db)
+{
+    std::vector<std::string> out;
+    for (const auto &[key, fields] : s.dbs[db]) {
+        out.push_back(key);
+        for (const auto &[name, text] : fields)
+            out.back() += " " + name + "=" + text;
+    }
+    return out;
+}
+
 const std::vector<Subscription> &subscriptions() { return s.subs; }
 
 void run()

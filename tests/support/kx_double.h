@@ -40,6 +40,10 @@ void clear(); // forgets the calls and log records so far
 using Fields = std::vector<std::pair<std::string, std::string>>;
 void put_raw(int32_t db, const std::string &key, const Fields &fields, bool notify = false);
 
+// What `db` holds, one record a line in key order: "KEY name=value ..." with the hash
+// fields in the order first written (a whole value: its one field "value", packed).
+std::vector<std::string> contents(int32_t db);
+
 struct Subscription {
     int32_t db;
     std::string selection; // a record key or "table|*"

@@ -172,6 +172,28 @@ std::string RedisServer::cli(int db, const std::vector<std::string> &args) const
     return out;
 }
 
+std::vector<std::string> RedisServer::dump(int db) const
+{
+    static const char *const script = R"(
+        local out = {}
+        for _, k in ipairs(redis.call('KEYS', '*')) do
+            local line = k
+            if redis.call('TYPE', k).ok == 'hash' then
+                local h = redis.call('HGETALL', k)
+                for i = 1, #h, 2 do line = line .. ' ' .. h[i] .. '=' .. h[i + 1] end
+            end
+            out[#out + 1] = line
+        end
+        table.sort(out)
+        return out)";
+    std::string text = cli(db, {"EVAL", script, "0"});
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
 bool wait_for(const std::function<bool()> &pred, std::chrono::milliseconds timeout)
 {
     auto deadline = std::chrono::steady_clock::now() + timeout;

@@ -41,7 +41,16 @@ TEST_F(Startup, EachFailureStopsAtItsStepWithItsCode)
     char handle[32];
     std::snprintf(handle, sizeof handle, "%p", static_cast<void *>(kx_global_init("vek_cap", nullptr)));
     const std::string cb_failed = std::string(" global ") + handle + " type ";
-    const std::string confirmed = "vek_cap_dep_pmsg_f: DEP subscribe ok, module fib_mgr 12:34"; // from the loop
+    // From the loop: each subscription confirmed and caught up with an empty store, where
+    // the identity records are missing.
+    const std::vector<std::string> confirmed = {
+        "vek_cap_dep_pmsg_f: DEP subscribe ok, module fib_mgr 12:34",
+        "vek_cap_local_ready_pmsg_f: CAP STATE subscribe ok, 12:34",
+        "vek_cap_dp_my_info_pro: card_info NULL pointer, addr error!\n",
+        "vek_cap_dp_my_info_pmsg_f: failed,rv -4",
+        "vek_cap_dp_my_chss_info_pmsg_f: CHSS INFO subscribe ok, 12:34",
+        "vek_cap_dp_my_chss_info_pro: chss_info NULL pointer, addr error!\n",
+        "vek_cap_dp_my_chss_info_pmsg_f: failed,rv -4"};
     struct Case {
         void (*arrange)();
         int rc;
@@ -51,7 +60,7 @@ TEST_F(Startup, EachFailureStopsAtItsStepWithItsCode)
         const char *out = "";
     };
     const Case cases[] = {
-        {[] {}, 0, k_startup, 3, {confirmed}},
+        {[] {}, 0, k_startup, 3, confirmed},
         {[] { kxd::inject({"kx_initframe_duplicate_check", -11}); }, -1, {"kx_initframe_duplicate_check"}, 0, {},
          "tolvex, ret=-11, FAIL\r\n"},
         {[] { kxd::inject({.call = "kx_global_init", .how = kxd::Fail::Null}); }, -11,
@@ -72,7 +81,7 @@ TEST_F(Startup, EachFailureStopsAtItsStepWithItsCode)
         {[] { kxd::inject({"kx_mom_subscribe", -4, 3}); }, 0,
          startup("kx_global_finish", {"kx_mom_subscribe 1 p_dev.dp_lib_my_info",
                                       "kx_mom_subscribe 1 p_dev.dp_lib_my_chss_info"}),
-         3, {"vek_cap_db_validate_host: failed,rv -4", confirmed}},
+         3, {"vek_cap_db_validate_host: failed,rv -4", confirmed[0], confirmed[1]}},
         {[] { kxd::inject({"kx_mom_client_set_disconnect_cb", -5, 2}); }, -5,
          startup("kx_mom_client_set_disconnect_cb 1"), 3,
          {"vek_cap_client_set_disconnect_cb: kx_mom_client_set_disconnect_cb" + cb_failed + "1 failed, rv -5",
@@ -83,7 +92,7 @@ TEST_F(Startup, EachFailureStopsAtItsStepWithItsCode)
           "main: failed,rv -6"}},
         // Last: the marker file stays. With it no exit action is requested.
         {[] { testsupport::write_file(kx_root_path("/var/run/vek_cap_ham.txt"), ""); }, 0,
-         startup("kx_global_finish", {"reg_process_exit_action 0 2"}), 3, {confirmed}},
+         startup("kx_global_finish", {"reg_process_exit_action 0 2"}), 3, confirmed},
     };
     const std::string db_names[] = {"host", "tunner_db", "cap_db"};
     for (const Case &c : cases) {
