@@ -193,9 +193,32 @@ int32_t vek_cap_dp_my_chss_info_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, vo
 int32_t vek_cap_dp_my_chss_info_pro(kx_mom_hash_res *res);
 
 // ---- subcards ----------------------------------------------------------------------
+// Wall-clock stamps of the last subcard state record and of the last confirmation of their
+// subscription (gettimeofday's seconds and microseconds).
+extern vek_cap_time_t g_vek_cap_subcard_recv_time;
+extern vek_cap_time_t g_vek_cap_subcard_sub_time;
+
 int32_t vek_cap_sub_card_ready_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata);
+int32_t vek_cap_sub_card_ready_pro(const PLibpub__CapSubcardState *state);
+int32_t vek_cap_write_glb_sub_card_table(int32_t node);
+int32_t vek_cap_set_subcard_state(int32_t node, int32_t ready);
+int32_t vek_cap_subcard_del_pro(const PLibpub__CapSubcardState *state);
+int32_t vek_cap_del_subcard_ready(int32_t node);
+int32_t vek_cap_del_subcard_table(int32_t node);
+int32_t vek_cap_del_subcard_table_cb(kx_global_t *global, kx_mom_msg *pmsg, void *privdata);
 
 // ---- diagnostics -------------------------------------------------------------------
+inline constexpr const char *VEK_CAP_COLLECT_DIR = "/data/collect";
+inline constexpr const char *VEK_CAP_COLLECT_FILE = "vek_cap.log";
+
 int32_t vek_cap_ssat_init(kx_global_t *global, const char *module);
+int32_t vek_cap_set_dep_mod(const char *module, int32_t ready);
+int32_t vek_cap_dump_status(void);
+int32_t vek_cap_dump_card_info(void);
+int32_t vek_cap_show_time(void);
+int32_t vek_cap_dump_dep_mod(void);
+int vek_cap_dep_mod_print(vek_cap_dep_item *item, void *unused);
+int32_t vek_cap_dump_all(void);
+int32_t vek_cap_collect(void);
 
 #endif

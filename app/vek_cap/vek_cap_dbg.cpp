@@ -3,7 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <system_error>
 
 #include "ssat.h"
 #include "vek_cap.h"
@@ -74,6 +78,87 @@ int32_t vek_cap_ssat_init(kx_global_t *global, const char *module)
         return rv;
     }
     ssat_reg_mod_cmd(module, "log-level", 0, "%d", vek_cap_set_dbg_level);
+    ssat_reg_mod_cmd(module, "show_time", 0, "void", vek_cap_show_time);
+    ssat_reg_mod_cmd(module, "dump_card_info", 0, "void", vek_cap_dump_card_info);
+    ssat_reg_mod_cmd(module, "dump_status", 0, "void", vek_cap_dump_status);
+    ssat_reg_mod_cmd(module, "dump_all", 0, "void", vek_cap_dump_all);
+    ssat_reg_mod_cmd(module, "collect", 0, "void", vek_cap_collect);
+    ssat_reg_mod_cmd(module, "dump_dep_mod", 0, "void", vek_cap_dump_dep_mod);
+    ssat_reg_mod_cmd(module, "set_dep_mod", 0, "%s %d", vek_cap_set_dep_mod);
     VEK_CAP_INFO("leave");
+    return 0;
+}
+
+int32_t vek_cap_set_dep_mod(const char *module, int32_t ready)
+{
+    static constexpr int32_t fields[] = {6};
+    SFrame__CapDepIndex index = S_FRAME__CAP_DEP_INDEX__INIT;
+    SFrame__CapDep record = S_FRAME__CAP_DEP__INIT;
+    if (!module) {
+        VEK_CAP_ERR("mod NULL pointer, addr error!\n");
+        return -4;
+    }
+    index.module = const_cast<char *>(module);
+    record.index = &index;
+    record.ready = ready != 0;
+    // The daemon's own subscription to the module's record brings the change back like any
+    // other writer's; a module not in the registry has no subscription and changes nothing.
+    int32_t rv = kx_mom_hmset_sync(g_vek_cap_global, VEK_CAP_DB_HOST, &record.base, fields, 1);
+    printf("set dep mod %s ready %s %s", module, record.ready ? "true" : "false",
+           rv == 0 ? "ok" : "failed");
+    return 0;
+}
+
+int32_t vek_cap_dump_all(void)
+{
+    vek_cap_dump_status();
+    vek_cap_dump_card_info();
+    vek_cap_show_time();
+    vek_cap_dump_dep_mod();
+    return 0;
+}
+
+namespace {
+
+// Standard output sent to another descriptor until this goes out of scope, on every path.
+class vek_cap_stdout_to {
+public:
+    explicit vek_cap_stdout_to(int fd) : saved_(dup(STDOUT_FILENO))
+    {
+        if (fd >= 0)
+            dup2(fd, STDOUT_FILENO);
+    }
+    ~vek_cap_stdout_to()
+    {
+        fflush(stdout);
+        if (saved_ >= 0) {
+            dup2(saved_, STDOUT_FILENO);
+            close(saved_);
+        }
+    }
+    vek_cap_stdout_to(const vek_cap_stdout_to &) = delete;
+    vek_cap_stdout_to &operator=(const vek_cap_stdout_to &) = delete;
+
+private:
+    int saved_;
+};
+
+} // namespace
+
+int32_t vek_cap_collect(void)
+{
+    // The directory is made without a shell: KX_ROOT may hold any character.
+    const std::string dir = kx_root_path(VEK_CAP_COLLECT_DIR);
+    const std::string path = dir + "/" + VEK_CAP_COLLECT_FILE;
+    std::error_code ignored;
+    std::filesystem::create_directories(dir, ignored);
+    // Neither truncated nor appended: the new dump overwrites the file from its start.
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0)
+        printf("%s open fail\r\n", path.c_str());
+    vek_cap_stdout_to redirect(fd);
+    if (fd >= 0)
+        close(fd);
+    vek_cap_dump_all();
     return 0;
 }

@@ -279,4 +279,77 @@ TEST_F(Card, ConvergesToInputsChangedWhileItsConnectionsWereDown)
     EXPECT_TRUE(daemon_->running());
 }
 
+// Subcards: the ones announced before the start and the ones announced after are
+// published with exactly their entries; a preinstalled one is not; a withdrawn one leaves
+// nothing behind and touches no other.
+TEST_F(Card, SubcardsArePublishedAndWithdrawnWithExactlyTheirRecords)
+{
+    for (const char *node : {"18", "19", "20", "21"})
+        cli(3, {"HSET", std::string("p_libpub.cap_subcard_table|") + node + "|/sub", "int32_value", node, "pri", "2"});
+    cli(3, {"HSET", "p_libpub.cap_subcard_state|20|7", "ready", "false"});
+    cli(3, {"HSET", "p_libpub.cap_subcard_state|21|7", "ready", "true", "is_preinstall", "true"});
+    start();
+    const Lines twenty = {"s_frame.cap_subcard_glb_table|20|/sub int32_value=20", "s_frame.cap_subcard_ready|20 ready=true"};
+    EXPECT_TRUE(converged(twenty)) << log();
+    cli(3, {"HSET", "p_libpub.cap_subcard_state|18|7", "ready", "true"});
+    const Lines both = {"s_frame.cap_subcard_glb_table|18|/sub int32_value=18", twenty[0],
+                        "s_frame.cap_subcard_ready|18 ready=true", twenty[1]};
+    EXPECT_TRUE(converged(both)) << log();
+    cli(3, {"DEL", "p_libpub.cap_subcard_state|18|7"});
+    EXPECT_TRUE(converged(twenty)) << log();
+    EXPECT_EQ(count("vek_cap_sub_card_ready_pro", "ERROR node 21 state is preinstall, just return"), 1);
+}
+
+// The debug shell's eight commands through the real client, with the daemon serving on.
+TEST_F(Card, TheDebugShellServesEveryCommand)
+{
+    entries(), identity(), devid(), local_ready(true);
+    boot();
+    auto ssat = [&](const Lines &args) {
+        Lines argv = {SSAT_BIN, "vek_cap"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return run(argv, env(redis_.addr()));
+    };
+    // Setting both registered modules ready through the shell publishes the card.
+    for (const char *module : {"fib_mgr", "acl_mgr"}) {
+        RunResult r = ssat({"set_dep_mod", module, "5"});
+        EXPECT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(r.out, std::string("set dep mod ") + module + " ready true ok");
+    }
+    EXPECT_TRUE(converged()) << log();
+    EXPECT_EQ(ssat({"dump_status"}).out, "g_vek_local_ready, 1\ng_vek_global_ready, 1\n");
+    EXPECT_EQ(ssat({"dump_card_info"}).out,
+              "devid 7, slotid 3, sslotid 1, node 0x00000010, config_dev_type 5, node_type 3\n");
+    EXPECT_THAT(ssat({"show_time"}).out, testing::MatchesRegex("\r\n=+\r\nvek_cap run [0-9]+:[0-9]+\r\n(.*\r\n){10}\r\n=+\r\n"));
+    const std::string modules = ssat({"dump_dep_mod"}).out;
+    EXPECT_THAT(modules, testing::EndsWith("=\r\nmodule:fib_mgr, ready 1\r\nmodule:acl_mgr, ready 1\r\n"));
+
+    // Silenced, the log stops; the dumps still print, and the file gets the same dump.
+    EXPECT_EQ(ssat({"log-level", "0"}).status, 0);
+    const std::string silenced = log();
+    const std::string all = ssat({"dump_all"}).out;
+    EXPECT_THAT(all, testing::StartsWith("g_vek_local_ready, 1\ng_vek_global_ready, 1\ndevid 7"));
+    EXPECT_THAT(all, testing::EndsWith(modules));
+    RunResult collected = ssat({"collect"});
+    EXPECT_EQ(collected.status, 0);
+    EXPECT_EQ(collected.out, "");
+    EXPECT_EQ(read_file(root_ / "data/collect/vek_cap.log").size(), all.size());
+    cli(3, {"SET", "p_libpub.cap_state", "\x28\x01"});
+    EXPECT_TRUE(wait_for([&] { return ssat({"dump_status"}).status == 0; }));
+    EXPECT_EQ(log(), silenced);
+
+    // Bad arguments are refused with the reason; the daemon serves on.
+    struct Bad { Lines args; const char *why; };
+    const Bad bad[] = {{{"log-level", "abc"}, "log-level: expected %d, got 'abc', not a 32-bit integer\n"},
+                       {{"set_dep_mod"}, "set_dep_mod: expected %s %d"},
+                       {{"no_such"}, "unknown command 'no_such' (try help)\n"}};
+    for (const Bad &b : bad) {
+        RunResult r = ssat(b.args);
+        EXPECT_EQ(r.status, 1) << b.args[0];
+        EXPECT_THAT(r.err, testing::StartsWith(b.why)) << b.args[0];
+    }
+    EXPECT_EQ(ssat({"dump_status"}).status, 0);
+    EXPECT_TRUE(daemon_->running());
+}
+
 } // namespace

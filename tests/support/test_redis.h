@@ -46,6 +46,7 @@ public:
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
 
+    pid_t pid() const { return pid_; }
     bool running();
     void signal(int sig);
     // Exit status (or 128 + signal), or -1 after `timeout` (the process is then killed).

@@ -35,6 +35,7 @@ inline void reset_daemon_state()
     g_vek_cap_card = {-1, 0, 0, 0, 0, 0};
     g_vek_cap_time = {};
     g_vek_cap_sub_last_dep_mod = g_vek_cap_recv_last_dep_mod = {};
+    g_vek_cap_subcard_recv_time = g_vek_cap_subcard_sub_time = {};
 }
 
 // The daemon as once started: the double's handle and log sink, `level`, every

@@ -13,7 +13,11 @@ namespace {
 // The calls of a start-up with one dependency module and no marker file.
 const std::vector<std::string> k_startup = {
     "kx_initframe_duplicate_check", "kx_zlog_init vek_cap", "kx_monotime", "kx_global_init vek_cap",
-    "ssat_lib_init vek_cap", "ssat_reg_mod_cmd vek_cap log-level %d", "reg_process_exit_action 0 2",
+    "ssat_lib_init vek_cap", "ssat_reg_mod_cmd vek_cap log-level %d", "ssat_reg_mod_cmd vek_cap show_time void",
+    "ssat_reg_mod_cmd vek_cap dump_card_info void", "ssat_reg_mod_cmd vek_cap dump_status void",
+    "ssat_reg_mod_cmd vek_cap dump_all void", "ssat_reg_mod_cmd vek_cap collect void",
+    "ssat_reg_mod_cmd vek_cap dump_dep_mod void", "ssat_reg_mod_cmd vek_cap set_dep_mod %s %d",
+    "reg_process_exit_action 0 2",
     "kx_mom_client_connect_sync 3", "kx_mom_client_connect_sync 1", "kx_mom_client_connect_sync 28",
     "kx_mom_subscribe 3 s_frame.cap_dep|fib_mgr", "kx_mom_subscribe 3 p_libpub.cap_state",
     "kx_mom_subscribe 3 p_libpub.cap_subcard_state|*", "kx_mom_subscribe 1 p_dev.dp_lib_my_info",

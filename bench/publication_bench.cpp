@@ -1,0 +1,213 @@
+// What a publication costs: the built daemon against a private redis-server, a card
+// with N capability entries. The figure is the time from the write that completes the
+// card's conditions (its local ready record) to the card's ready record arriving as a
+// keyspace notification, against N raw hiredis HSET round trips measured in the same
+// run: each entry is one synchronous write, so N round trips is the floor.
+//
+//   publication_bench [N ...]      (default: 1000 10000)
+//
+// Also: a republication after a deletion notice, the daemon's peak RSS (VmHWM) after
+// the largest card, and its CPU time and context switches over 10 s idle while connected.
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <hiredis/hiredis.h>
+
+#include "test_redis.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using testsupport::Process;
+constexpr int kRounds = 5;
+constexpr int kIdleSeconds = 10;
+
+double us_since(Clock::time_point start)
+{
+    return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+}
+
+bool fail(const char *what)
+{
+    fprintf(stderr, "publication_bench: %s\n", what);
+    return false;
+}
+
+struct Redis {
+    redisContext *c;
+    explicit Redis(const std::string &socket) : c(redisConnectUnix(socket.c_str())) {}
+    ~Redis() { redisFree(c); }
+    Redis(const Redis &) = delete;
+    Redis &operator=(const Redis &) = delete;
+    bool ok() const { return c && !c->err; }
+    void cmd(const std::vector<std::string> &argv)
+    {
+        std::vector<const char *> args;
+        std::vector<size_t> lens;
+        for (const auto &a : argv)
+            args.push_back(a.data()), lens.push_back(a.size());
+        freeReplyObject(redisCommandArgv(c, static_cast<int>(args.size()), args.data(), lens.data()));
+    }
+};
+
+// A field of /proc/<pid>/status, in its own unit (kB for memory).
+long proc_status(pid_t pid, const std::string &field)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(in, line);)
+        if (line.starts_with(field + ":"))
+            return std::atol(line.c_str() + field.size() + 1);
+    return -1;
+}
+
+// utime + stime of the process, in clock ticks.
+long proc_cpu_ticks(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    size_t paren = text.rfind(')');
+    if (paren == std::string::npos)
+        return -1;
+    std::vector<std::string> fields;
+    std::string field;
+    for (char ch : text.substr(paren + 2))
+        ch == ' ' ? (fields.push_back(field), field.clear()) : void(field += ch);
+    return fields.size() > 12 ? std::atol(fields[11].c_str()) + std::atol(fields[12].c_str()) : -1;
+}
+
+// The best of kRounds of `n` raw HSETs, microseconds per HSET.
+double raw_hset_us(Redis &r, int n)
+{
+    double best = 1e300;
+    for (int round = 0; round < kRounds; ++round) {
+        auto start = Clock::now();
+        for (int i = 0; i < n; ++i)
+            r.cmd({"HSET", "s_frame.cap_glb_table|99|/fe/l3/entry/" + std::to_string(i),
+                   "bool_value", "true", "int32_value", std::to_string(i), "str_value", "x"});
+        best = std::min(best, us_since(start) / n);
+    }
+    r.cmd({"FLUSHDB"});
+    return best;
+}
+
+// Waits on `sub` (subscribed to the ready record's key) for its next hset event.
+bool next_ready(Redis &sub)
+{
+    for (;;) {
+        void *reply = nullptr;
+        if (redisGetReply(sub.c, &reply) != REDIS_OK)
+            return false;
+        auto *r = static_cast<redisReply *>(reply);
+        bool hset = r->type == REDIS_REPLY_ARRAY && r->elements == 3 &&
+                    std::string(r->element[2]->str, r->element[2]->len) == "hset";
+        freeReplyObject(r);
+        if (hset)
+            return true;
+    }
+}
+
+struct Figures {
+    int entries;
+    double raw_us, publish_us, republish_us;
+    long hwm_kb;
+};
+
+// One card of `n` entries on its own server and daemon; `idle` also measures the idle daemon.
+bool run_card(int n, bool idle, Figures *out)
+{
+    testsupport::RedisServer server;
+    testsupport::TempDir root;
+    testsupport::write_file(root / "etc/cap_cfg/cap_dep/fe/fib_mgr", "");
+    Redis host(server.socket()), glb(server.socket()), sub(server.socket());
+    if (!host.ok() || !glb.ok() || !sub.ok())
+        return fail("cannot connect hiredis");
+    glb.cmd({"SELECT", "28"});
+    out->entries = n;
+    out->raw_us = raw_hset_us(glb, n);
+
+    host.cmd({"SELECT", "3"});
+    for (int i = 0; i < n; ++i)
+        host.cmd({"HSET", "p_libpub.cap_table|/fe/l3/entry/" + std::to_string(i), "bool_value", "true",
+                  "int32_value", std::to_string(i), "str_value", "x", "pri", "1", "state", "true"});
+    host.cmd({"HSET", "s_frame.cap_dep|fib_mgr", "ready", "true"});
+    host.cmd({"SELECT", "1"});
+    host.cmd({"HSET", "p_dev.dp_lib_my_info", "card_nodeid", "16", "card_type", "5"});
+    host.cmd({"HSET", "p_dev.dp_lib_my_chss_info", "devid", "7"});
+    host.cmd({"SELECT", "3"});
+    sub.cmd({"SUBSCRIBE", "__keyspace@28__:s_frame.cap_fe_ready|16|5"});
+
+    const std::string log = root / "vek_cap.log";
+    Process daemon({VEK_CAP_BIN}, {{"KX_ROOT", root.path()}, {"KX_MOM_ADDR", server.addr()}, {"KX_LOG", log}},
+                   root.path(), "vek_cap");
+    if (!testsupport::wait_for([&] { return testsupport::read_file(log).find("CHSS INFO subscribe ok") !=
+                                            std::string::npos; }))
+        return fail("the daemon did not start");
+    // Every round is a whole publication: each local ready record has the table copied again.
+    out->publish_us = out->republish_us = 1e300;
+    for (int round = 0; round < kRounds; ++round) {
+        auto start = Clock::now();
+        host.cmd({"SET", "p_libpub.cap_state", std::string("\x28\x01")});
+        if (!next_ready(sub))
+            return fail("no ready record");
+        out->publish_us = std::min(out->publish_us, us_since(start));
+    }
+    for (int round = 0; round < kRounds; ++round) {
+        auto start = Clock::now();
+        glb.cmd({"HSET", "s_frame.cap_del_fe_ready|16|5", "ready", "false"});
+        if (!next_ready(sub))
+            return fail("no ready record after the notice");
+        out->republish_us = std::min(out->republish_us, us_since(start));
+    }
+    out->hwm_kb = proc_status(daemon.pid(), "VmHWM");
+    if (idle) {
+        // Each publication also scans db 28 for deletion notices, after its ready record:
+        // idle starts once the daemon has not been woken for half a second.
+        pid_t pid = daemon.pid();
+        auto switches = [pid] {
+            return proc_status(pid, "voluntary_ctxt_switches") + proc_status(pid, "nonvoluntary_ctxt_switches");
+        };
+        for (long last = -1; last != switches();) {
+            last = switches();
+            usleep(500000);
+        }
+        long cs = switches(), cpu = proc_cpu_ticks(pid);
+        sleep(kIdleSeconds);
+        printf("idle %d s while connected: %ld context switches, %ld CPU ticks (of %ld per s)\n", kIdleSeconds,
+               switches() - cs, proc_cpu_ticks(pid) - cpu, sysconf(_SC_CLK_TCK));
+    }
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    std::vector<int> sizes;
+    for (int i = 1; i < argc; ++i)
+        sizes.push_back(std::atoi(argv[i]));
+    if (sizes.empty())
+        sizes = {1000, 10000};
+    std::vector<Figures> all;
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        Figures f{};
+        if (sizes[i] <= 0 || !run_card(sizes[i], i + 1 == sizes.size(), &f))
+            return 1;
+        all.push_back(f);
+    }
+    printf("best of %d rounds, Unix socket; raw = one hiredis HSET of 3 fields\n", kRounds);
+    printf("%9s %10s %14s %12s %16s %12s %10s\n", "entries", "raw us", "publish ms", "/ N raw", "republish ms",
+           "/ N raw", "VmHWM kB");
+    for (const Figures &f : all) {
+        double floor_us = f.raw_us * f.entries;
+        printf("%9d %10.2f %14.2f %12.2f %16.2f %12.2f %10ld\n", f.entries, f.raw_us, f.publish_us / 1000,
+               f.publish_us / floor_us, f.republish_us / 1000, f.republish_us / floor_us, f.hwm_kb);
+    }
+    return 0;
+}
