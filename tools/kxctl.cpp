@@ -23,7 +23,6 @@
 // Exit status: 0 done; 1 the store failed, the record is missing or a record could
 // not be read; 2 bad usage, unknown table or field, bad value.
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -70,13 +69,6 @@ constexpr const char *usage_text =
 using Field = ProtobufCFieldDescriptor;
 using Table = ProtobufCMessageDescriptor;
 
-template <class T>
-T &member(const ProtobufCMessage *msg, const Field *f)
-{
-    return *reinterpret_cast<T *>(reinterpret_cast<char *>(const_cast<ProtobufCMessage *>(msg)) +
-                                  f->offset);
-}
-
 const Table *index_table(const Table *table)
 {
     const Field *idx = kx::index_field(table);
@@ -86,7 +78,7 @@ const Table *index_table(const Table *table)
 const ProtobufCMessage *index_of(const ProtobufCMessage *record)
 {
     const Field *idx = kx::index_field(record->descriptor);
-    return idx ? member<ProtobufCMessage *>(record, idx) : nullptr;
+    return idx ? kx::member<ProtobufCMessage *>(record, idx) : nullptr;
 }
 
 std::vector<const Field *> all_fields(const Table *table)
@@ -150,15 +142,6 @@ bool is_number(const Field *f)
 }
 
 // ---- values as text ---------------------------------------------------------------------
-
-std::optional<int32_t> parse_int32(std::string_view text)
-{
-    int32_t v = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
-    if (ec != std::errc() || end != text.data() + text.size() || text.empty())
-        return std::nullopt;
-    return v;
-}
 
 // Sets field `f` of `msg` from `text` as the store reads it, an enum also by its name;
 // false when `text` does not fit.
@@ -298,7 +281,7 @@ std::optional<std::string> parse_assignments(Request &req, const std::vector<std
     req.record.reset(kx::new_record(req.table));
     ProtobufCMessage *index = itable ? kx::new_record(itable) : nullptr;
     if (index)
-        member<ProtobufCMessage *>(req.record.get(), index_field) = index;
+        kx::member<ProtobufCMessage *>(req.record.get(), index_field) = index;
     for (const auto &word : words) {
         size_t eq = word.find('=');
         if (eq == std::string::npos || eq == 0)
@@ -417,7 +400,7 @@ SortKey sort_key(const ProtobufCMessage *record)
     SortKey key;
     const ProtobufCMessage *index = index_of(record);
     for (const Field *f : all_fields(index ? index->descriptor : nullptr))
-        key.emplace_back(is_number(f) ? member<int32_t>(index, f) : 0,
+        key.emplace_back(is_number(f) ? kx::member<int32_t>(index, f) : 0,
                          is_number(f) ? "" : kx::field_text(index, f));
     return key;
 }
@@ -576,7 +559,7 @@ int32_t node_of(const ProtobufCMessage &record)
 {
     const ProtobufCMessage *index = index_of(&record);
     const Field *node = field_named(index->descriptor, "node");
-    return member<int32_t>(index, node ? node : field_named(index->descriptor, "nodeid"));
+    return kx::member<int32_t>(index, node ? node : field_named(index->descriptor, "nodeid"));
 }
 
 // Every ready record of `ready_table` with the number of `entry_table` records
@@ -678,7 +661,7 @@ int run_table_command(const std::string &command, int db, const std::vector<std:
 
 int main(int argc, char **argv)
 {
-    int db = -1;
+    int32_t db = -1;
     std::vector<std::string> words;
     for (int i = 1; i < argc; ++i) {
         std::string_view a = argv[i];
@@ -689,10 +672,8 @@ int main(int argc, char **argv)
         if (a == "--json") {
             g_json = true;
         } else if (a == "-n") {
-            auto v = i + 1 < argc ? parse_int32(argv[i + 1]) : std::nullopt;
-            if (!v || *v < 0)
+            if (i + 1 == argc || !kx::parse_int32(argv[i + 1], &db) || db < 0)
                 return usage_error("-n needs a database number");
-            db = *v;
             ++i;
         } else {
             words.emplace_back(a);

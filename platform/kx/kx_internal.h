@@ -3,6 +3,7 @@
 #define KX_INTERNAL_H
 
 #include <string>
+#include <string_view>
 
 #include "kx_global.h"
 
@@ -19,6 +20,10 @@ void ssat_release(kx_global_t *global);
 
 // mkdir -p for the directory part of `path` (failures show when the path is used).
 void make_parent_dirs(const std::string &path);
+
+// Writes all of `data` to `fd` (a blocking descriptor), going on after EINTR and
+// short writes; false on any other failure.
+bool write_all(int fd, std::string_view data);
 } // namespace kx
 
 struct kx_global {

@@ -34,6 +34,7 @@
 #include <unistd.h>
 
 #include "kx_internal.h"
+#include "ssat.h"
 
 struct kx_zlog_category {
     enum class Output { file, stderr_stream, syslog };
@@ -179,11 +180,6 @@ bool open_output(kx_zlog_category &cat, const std::string &output, const char *m
     return true;
 }
 
-bool valid_module(const char *module)
-{
-    return module && *module && *module != '.' && !strchr(module, '/');
-}
-
 // Appends `text` with control characters made visible, so one record stays one line.
 void append_escaped(std::string &out, std::string_view text)
 {
@@ -239,23 +235,11 @@ std::string vformat(const char *format, va_list ap)
     return text;
 }
 
-void write_all(int fd, std::string_view data)
-{
-    while (!data.empty()) {
-        ssize_t n = write(fd, data.data(), data.size());
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return; // a full disk or a closed stderr: the record is lost, the caller goes on
-        data.remove_prefix(static_cast<size_t>(n));
-    }
-}
-
 } // namespace
 
 kx_zlog_category_t *kx_zlog_init(const char *module)
 {
-    if (!valid_module(module))
+    if (!ssat_valid_module(module))
         return nullptr;
     std::string conf_path = kx_root_path("/etc/kx/");
     conf_path += module;
@@ -317,7 +301,8 @@ void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, c
         return;
     }
     record += '\n';
-    write_all(category->fd, record);
+    // A full disk or a closed stderr loses the record; the caller goes on.
+    (void)kx::write_all(category->fd, record);
 }
 
 int at_snprintf(char *buf, size_t size, const char *format, ...)

@@ -20,9 +20,7 @@
 #include "ssat.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -42,6 +40,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "kx_codec.h"
 #include "kx_internal.h"
 
 namespace {
@@ -70,15 +69,6 @@ struct Command {
 // Commands by module, in registration order (the order `help` lists them).
 std::mutex commands_mutex;
 std::map<std::string, std::vector<Command>, std::less<>> commands;
-
-bool valid_module(const char *module)
-{
-    if (!module || !*module || *module == '.' || strlen(module) > max_name)
-        return false;
-    return std::all_of(module, module + strlen(module), [](char c) {
-        return isalnum(static_cast<unsigned char>(c)) || strchr("_.-", c);
-    });
-}
 
 bool valid_command(const char *cmd)
 {
@@ -126,18 +116,6 @@ std::optional<std::vector<std::string_view>> split_words(std::string_view line)
         pos = line.find_first_not_of(blanks, end);
     }
     return words;
-}
-
-// A whole decimal signed 32-bit integer: optional sign, digits, nothing else.
-std::optional<int32_t> parse_int32(std::string_view text)
-{
-    if (text.starts_with('+') && !text.starts_with("+-"))
-        text.remove_prefix(1);
-    int32_t value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size())
-        return std::nullopt;
-    return value;
 }
 
 // ---- running a handler with standard output captured ---------------------------------
@@ -246,12 +224,8 @@ std::string execute(std::string_view module, std::string_view line)
             return error_reply(usage + "a word longer than " + std::to_string(max_word) + " bytes");
         args.word = word.c_str();
     }
-    if (format.arity > 0) {
-        auto num = parse_int32(words->back());
-        if (!num)
-            return error_reply(usage + "'" + std::string(words->back()) + "', not a 32-bit integer");
-        args.num = *num;
-    }
+    if (format.arity > 0 && !kx::parse_int32(words->back(), &args.num))
+        return error_reply(usage + "'" + std::string(words->back()) + "', not a 32-bit integer");
     return command->fn ? run_handler(*command, args) : ok_reply(help_text(module));
 }
 
@@ -548,7 +522,7 @@ void kx::ssat_release(kx_global_t *global)
 
 int32_t ssat_lib_init(kx_global_t *global, const char *module)
 {
-    if (!global || !global->base || !valid_module(module))
+    if (!global || !global->base || !ssat_valid_module(module))
         return SSAT_EINVAL;
     if (!global->ssat)
         global->ssat = new kx::ssat_state;
@@ -567,7 +541,7 @@ int32_t ssat_reg_mod_cmd_impl(const char *module, const char *cmd, uint32_t flag
                               const char *format, ssat_fn fn, ssat_thunk thunk, int arity)
 {
     (void)flags; // no flags are defined
-    if (!valid_module(module) || !valid_command(cmd) || !format || !fn || !thunk)
+    if (!ssat_valid_module(module) || !valid_command(cmd) || !format || !fn || !thunk)
         return SSAT_EINVAL;
     auto info = std::find_if(std::begin(formats), std::end(formats),
                              [format](const Format &f) { return f.text == format; });

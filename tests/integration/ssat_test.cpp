@@ -85,6 +85,7 @@ TEST_F(Ssat, ManyClientsAtOnceHaveTheirLinesParsedByTheRegisteredFormat)
         {" \tnum  -2147483648 \t\nnum 8\n", ok("num=-2147483648\n")}, // one line a connection
         {"num 2147483648\n", num + "'2147483648', not a 32-bit integer\n"},
         {"num 12abc\n", num + "'12abc', not a 32-bit integer\n"},
+        {"num +8\n", num + "'+8', not a 32-bit integer\n"}, // one spelling per number
         {"num\n", num + "0 arguments\n"},
         {"num 1 2\n", num + "2 arguments\n"},
         {"pair " + std::string(255, 'w') + " 3\n", ok(std::string(255, 'w') + ":3")},
