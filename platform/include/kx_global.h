@@ -15,6 +15,7 @@ typedef struct kx_timestamp {
 
 // Creates the event loop and returns the handle; returns `global` unchanged when
 // it is already a live handle, and nullptr when the loop cannot be created.
+// SIGPIPE left at its default is ignored from then on.
 kx_global_t *kx_global_init(const char *module, kx_global_t *global);
 
 // Runs the loop until SIGTERM or SIGINT. Returns 0, or -1 when it cannot run.

@@ -25,6 +25,16 @@ void on_stop_signal(evutil_socket_t, short, void *arg)
     event_base_loopbreak(static_cast<event_base *>(arg));
 }
 
+// Sockets (the store's, the debug shell's clients) are written with write(2): a peer
+// that went away must give EPIPE, not end the process. A program that chose its own
+// SIGPIPE disposition keeps it.
+void ignore_sigpipe()
+{
+    struct sigaction current {};
+    if (sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL)
+        signal(SIGPIPE, SIG_IGN);
+}
+
 } // namespace
 
 void kx::make_parent_dirs(const std::string &path)
@@ -59,6 +69,7 @@ kx_global_t *kx_global_init(const char *module, kx_global_t *global)
 {
     if (global)
         return global;
+    ignore_sigpipe();
     auto *g = new kx_global;
     g->module = module ? module : "";
     g->base = event_base_new();

@@ -4,6 +4,9 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include <unistd.h>
 
 #include "kx_global.h"
 
@@ -20,6 +23,26 @@ void ssat_release(kx_global_t *global);
 
 // mkdir -p for the directory part of `path` (failures show when the path is used).
 void make_parent_dirs(const std::string &path);
+
+// Owns a descriptor: closed on every path.
+class FdHolder {
+public:
+    explicit FdHolder(int fd = -1) : fd_(fd) {}
+    ~FdHolder() { reset(); }
+    FdHolder(const FdHolder &) = delete;
+    FdHolder &operator=(const FdHolder &) = delete;
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+    void reset(int fd = -1)
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = fd;
+    }
+
+private:
+    int fd_;
+};
 
 // Writes all of `data` to `fd` (a blocking descriptor), going on after EINTR and
 // short writes; false on any other failure.
