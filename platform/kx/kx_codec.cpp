@@ -29,6 +29,8 @@ constexpr const ProtobufCMessageDescriptor *kTables[] = {
     &s_frame__cap_subcard_ready__descriptor,
     nullptr,
 };
+static_assert(std::size(kTables) == std::size(kx_mom_table_homes) + 1,
+              "every table has its database in kx_mom.h");
 
 std::span<const ProtobufCFieldDescriptor> fields_of(const ProtobufCMessageDescriptor *desc)
 {
