@@ -24,8 +24,11 @@ int32_t kx_global_run(kx_global_t *global);
 // Closes every store connection and the debug shell and frees the handle.
 void kx_global_finish(kx_global_t *global);
 
-// Takes an exclusive lock on <KX_ROOT>/var/run/<program>.pid and writes the pid
-// there. 0 when this is the only instance, otherwise a non-zero code.
+// First opens /dev/null on any closed standard descriptor, then takes an exclusive
+// lock on <KX_ROOT>/var/run/<program>.pid, <program> being the executable's file
+// name (/proc/self/exe, whatever name it was started under), and writes the pid
+// there. 0 when this is the only instance, otherwise a negative errno (-EEXIST: the
+// lock is held) and one line on stderr saying why.
 int32_t kx_initframe_duplicate_check(void);
 
 // There is no process manager to tell: the request is recorded and 0 returned.
