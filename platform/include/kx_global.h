@@ -19,6 +19,7 @@ typedef struct kx_timestamp {
 kx_global_t *kx_global_init(const char *module, kx_global_t *global);
 
 // Runs the loop until SIGTERM or SIGINT. Returns 0, or -1 when it cannot run.
+// SIGHUP makes the log sink open its output files again (after logrotate).
 int32_t kx_global_run(kx_global_t *global);
 
 // Closes every store connection and the debug shell and frees the handle.

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 #include <event2/event.h>
 #include <fcntl.h>
@@ -24,6 +25,12 @@ namespace {
 void on_stop_signal(evutil_socket_t, short, void *arg)
 {
     event_base_loopbreak(static_cast<event_base *>(arg));
+}
+
+// logrotate's postrotate sends SIGHUP once it has moved the log away.
+void on_hangup(evutil_socket_t, short, void *)
+{
+    kx::zlog_reopen();
 }
 
 // Sockets (the store's, the debug shell's clients) are written with write(2): a peer
@@ -119,14 +126,18 @@ kx_global_t *kx_global_init(const char *module, kx_global_t *global)
     auto *g = new kx_global;
     g->module = module ? module : "";
     g->base = event_base_new();
-    if (g->base) {
-        g->sigterm = evsignal_new(g->base, SIGTERM, on_stop_signal, g->base);
-        g->sigint = evsignal_new(g->base, SIGINT, on_stop_signal, g->base);
-    }
-    if (!g->base || !g->sigterm || !g->sigint || evsignal_add(g->sigterm, nullptr) != 0 ||
-        evsignal_add(g->sigint, nullptr) != 0) {
-        kx_global_finish(g);
-        return nullptr;
+    const std::tuple<event **, int, event_callback_fn> handlers[] = {
+        {&g->sigterm, SIGTERM, on_stop_signal},
+        {&g->sigint, SIGINT, on_stop_signal},
+        {&g->sighup, SIGHUP, on_hangup},
+    };
+    for (auto [slot, signal, handler] : handlers) {
+        if (g->base)
+            *slot = evsignal_new(g->base, signal, handler, g->base);
+        if (!*slot || evsignal_add(*slot, nullptr) != 0) {
+            kx_global_finish(g);
+            return nullptr;
+        }
     }
     return g;
 }
@@ -148,6 +159,8 @@ void kx_global_finish(kx_global_t *global)
         event_free(global->sigterm);
     if (global->sigint)
         event_free(global->sigint);
+    if (global->sighup)
+        event_free(global->sighup);
     if (global->base)
         event_base_free(global->base);
     delete global;

@@ -47,6 +47,10 @@ private:
 // Writes all of `data` to `fd` (a blocking descriptor), going on after EINTR and
 // short writes; false on any other failure.
 bool write_all(int fd, std::string_view data);
+
+// Opens every log file output again by its path: after logrotate moved the file,
+// records go to a new one (SIGHUP).
+void zlog_reopen();
 } // namespace kx
 
 struct kx_global {
@@ -54,6 +58,7 @@ struct kx_global {
     std::string module;
     event *sigterm = nullptr;
     event *sigint = nullptr;
+    event *sighup = nullptr;
     kx::mom_state *mom = nullptr;
     kx::ssat_state *ssat = nullptr;
 };

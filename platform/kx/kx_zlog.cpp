@@ -22,7 +22,6 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -40,6 +39,7 @@ struct kx_zlog_category {
     enum class Output { file, stderr_stream, syslog };
     Output output = Output::file;
     int fd = -1;
+    std::string path; // of a file output, to open it again on SIGHUP
     int level = KX_ZLOG_LEVEL_DEBUG;
     std::string ident; // syslog keeps a pointer to its identity string
 };
@@ -74,8 +74,7 @@ const Level *level_by_number(int number)
 }
 
 // Categories live until the process ends, as zlog's do; keeping them here also
-// keeps them reachable for leak checkers.
-std::mutex registry_mutex;
+// keeps them reachable for leak checkers. Like all of libkx, used from one thread.
 std::vector<std::unique_ptr<kx_zlog_category>> registry;
 
 struct Config {
@@ -157,6 +156,12 @@ std::optional<Config> read_config(const std::string &path)
     return std::nullopt;
 }
 
+// Appends only: see the top of the file.
+int open_file(const std::string &path)
+{
+    return open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+}
+
 bool open_output(kx_zlog_category &cat, const std::string &output, const char *module)
 {
     using Output = kx_zlog_category::Output;
@@ -172,7 +177,8 @@ bool open_output(kx_zlog_category &cat, const std::string &output, const char *m
         return true;
     }
     cat.output = Output::file;
-    cat.fd = open(output.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    cat.path = output;
+    cat.fd = open_file(output);
     if (cat.fd < 0) {
         fprintf(stderr, "kx_zlog: cannot open %s: %s\n", output.c_str(), strerror(errno));
         return false;
@@ -264,9 +270,21 @@ kx_zlog_category_t *kx_zlog_init(const char *module)
     cat->level = cfg->level;
     if (!open_output(*cat, output, module))
         return nullptr;
-    std::lock_guard lock(registry_mutex);
     registry.push_back(std::move(cat));
     return registry.back().get();
+}
+
+void kx::zlog_reopen()
+{
+    for (const auto &cat : registry) {
+        if (cat->output != kx_zlog_category::Output::file)
+            continue;
+        int fd = open_file(cat->path);
+        if (fd < 0) // records go on to the old file, wherever it is now
+            fprintf(stderr, "kx_zlog: cannot reopen %s: %s\n", cat->path.c_str(), strerror(errno));
+        else
+            close(std::exchange(cat->fd, fd));
+    }
 }
 
 void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, const char *func,
