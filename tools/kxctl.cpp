@@ -52,7 +52,8 @@ constexpr const char *usage_head =
 // The usage, ending with the database of every table.
 std::string usage()
 {
-    std::string text = std::string(usage_head) + "DB defaults to the table's own database (chassis: " +
+    std::string text = std::string(usage_head) +
+                       "DB defaults to the table's own database (chassis: " +
                        std::to_string(KX_MOM_DB_CE_GLOBAL) + "):\n";
     for (const kx_mom_table_home &home : kx_mom_table_homes)
         text += (home.db < 10 ? "   " : "  ") + std::to_string(home.db) + "  " + home.table + "\n";
@@ -100,7 +101,8 @@ std::string type_name(const Field *f)
     case PROTOBUF_C_TYPE_STRING: return "string";
     case PROTOBUF_C_TYPE_BYTES: return "bytes";
     case PROTOBUF_C_TYPE_ENUM:
-        return std::string("enum:") + static_cast<const ProtobufCEnumDescriptor *>(f->descriptor)->name;
+        return std::string("enum:") +
+               static_cast<const ProtobufCEnumDescriptor *>(f->descriptor)->name;
     default: return "unsupported";
     }
 }
@@ -206,15 +208,17 @@ std::optional<std::string> parse_assignments(Request &req, std::span<const std::
                 return "index field '" + name + "' given twice";
             req.index_given.push_back(f);
         } else {
+            bool shared = field_named(index_table(req.table), name) != nullptr;
             if (!values_allowed)
                 return "only index fields select a record here, not '" + name + "'" +
-                       (field_named(index_table(req.table), name) ? " (the index's is index." + name + ")" : "");
+                       (shared ? " (the index's is index." + name + ")" : "");
             if (std::ranges::count(req.value_tags, tag) > 0)
                 return "field '" + name + "' given twice";
             req.value_tags.push_back(tag);
         }
         if (!set_value(in_index ? index : req.record.get(), f, value))
-            return "bad value for " + name + " (" + type_name(f) + "): '" + std::string(value) + "'";
+            return "bad value for " + name + " (" + type_name(f) + "): '" + std::string(value) +
+                   "'";
     }
     return std::nullopt;
 }
@@ -260,14 +264,16 @@ int cmd_get(Session &s, const Request &req)
     kx::Message whole;
     kx::HashRes res;
     if (kx::stored_whole(req.table)) {
-        whole.reset(static_cast<ProtobufCMessage *>(kx_mom_get_sync(s.global, req.db, req.record.get(), &err)));
+        whole.reset(static_cast<ProtobufCMessage *>(
+            kx_mom_get_sync(s.global, req.db, req.record.get(), &err)));
     } else {
         res.reset(kx_mom_hgetall_sync(s.global, req.db, req.record.get()));
         if (!res)
             return fail(exit_store, "cannot read " + key + ": connection lost");
         err = res->error_code;
     }
-    const auto *record = whole ? whole.get() : static_cast<const ProtobufCMessage *>(res ? res->obj : nullptr);
+    const auto *record =
+        whole ? whole.get() : static_cast<const ProtobufCMessage *>(res ? res->obj : nullptr);
     if (err != 0)
         return store_failure("cannot read " + key, err);
     if (!record)
@@ -284,7 +290,9 @@ int cmd_set_or_del(Session &s, const Request &req)
                                          static_cast<int32_t>(req.value_tags.size()));
     if (rc == 0)
         return 0;
-    return store_failure((del ? "cannot delete " : "cannot write ") + kx::record_key(req.record.get()), rc);
+    return store_failure((del ? "cannot delete " : "cannot write ") +
+                             kx::record_key(req.record.get()),
+                         rc);
 }
 
 // One readable record of a scan: its hash result and its decoded record.
@@ -334,10 +342,13 @@ int scan_table(Session &s, int32_t db, const Table *table, const Request *filter
 // the store listed the keys in.
 void print_sorted(std::vector<Line> &lines, Style style)
 {
-    std::ranges::stable_sort(lines, [](const Line &a, const Line &b) {
-        return std::ranges::lexicographical_compare(a.index, b.index, [](const auto &x, const auto &y) {
-            return x.kind == kxctl::Kind::bare ? std::stoll(x.text) < std::stoll(y.text) : x.text < y.text;
-        });
+    auto value_less = [](const kxctl::Value &x, const kxctl::Value &y) {
+        if (x.kind == kxctl::Kind::bare) // an int32 or enum index field
+            return std::stoll(x.text) < std::stoll(y.text);
+        return x.text < y.text;
+    };
+    std::ranges::stable_sort(lines, [&](const Line &a, const Line &b) {
+        return std::ranges::lexicographical_compare(a.index, b.index, value_less);
     });
     for (const Line &line : lines)
         print(line, style);
@@ -375,9 +386,11 @@ int32_t on_change(kx_global_t *, kx_mom_msg *pmsg, void *privdata)
     std::string key = pmsg->key ? pmsg->key : "";
     bool hash = pmsg->cmd == KX_MOM_CMD_HSET || pmsg->cmd == KX_MOM_CMD_HDEL;
     auto *res = hash ? static_cast<const kx_mom_hash_res *>(pmsg->data) : nullptr;
-    auto *record = static_cast<const ProtobufCMessage *>(hash ? (res ? res->obj : nullptr) : pmsg->data);
+    auto *record =
+        static_cast<const ProtobufCMessage *>(hash ? (res ? res->obj : nullptr) : pmsg->data);
     if (hash && (!record || res->error_code != 0)) {
-        fprintf(stderr, "kxctl: %s %s: unreadable record (%d)\n", event, key.c_str(), res ? res->error_code : 0);
+        fprintf(stderr, "kxctl: %s %s: unreadable record (%d)\n", event, key.c_str(),
+                res ? res->error_code : 0);
         return 0;
     }
     if (!event || (record ? !matches(req, *record) : pmsg->cmd != KX_MOM_CMD_SUBSCRIBED))
@@ -446,12 +459,12 @@ int cmd_chassis(Session &s, int32_t db, Style style)
         if (!ready || !entries)
             return fail(exit_store, "the store does not know the chassis tables");
         std::map<int32_t, long> counts;
-        int rc = scan_table(s, db, entries, nullptr, [&](const auto &, const ProtobufCMessage &record) {
+        int rc = scan_table(s, db, entries, nullptr, [&](const auto &, const auto &record) {
             if (auto node = node_of(record))
                 ++counts[*node];
         });
         std::vector<Line> lines;
-        int rc2 = scan_table(s, db, ready, nullptr, [&](const auto &res, const ProtobufCMessage &record) {
+        int rc2 = scan_table(s, db, ready, nullptr, [&](const auto &res, const auto &record) {
             Line line = record_line(res.key, record, &res);
             if (auto node = node_of(record))
                 line.entries = counts[*node];
@@ -483,7 +496,8 @@ void print_table(const Table *table, Style style)
                        ",\"fields\":[";
     for (const auto &[f, is_index] : fields)
         line += std::string(line.back() == '[' ? "" : ",") +
-                "{\"name\":" + kxctl::json_string(f->name) + ",\"number\":" + std::to_string(f->id) +
+                "{\"name\":" + kxctl::json_string(f->name) +
+                ",\"number\":" + std::to_string(f->id) +
                 ",\"type\":" + kxctl::json_string(type_name(f)) +
                 ",\"index\":" + (is_index ? "true" : "false") + "}";
     puts((line + "]}").c_str());
@@ -503,9 +517,11 @@ int run_table_command(Request &req, std::span<const std::string> words)
     req.db = req.db >= 0 ? req.db : home_db(req.table);
     if (auto err = parse_assignments(req, words.subspan(1)))
         return fail(exit_usage, *err);
-    for (const Field &f : fields_of(index_table(req.table))) // get, set and del name one record
-        if (req.command != "scan" && req.command != "watch" && std::ranges::count(req.index_given, &f) == 0)
-            return fail(exit_usage, std::string("missing index field ") + f.name + " (" + type_name(&f) + ")");
+    bool one_record = req.command != "scan" && req.command != "watch";
+    for (const Field &f : fields_of(index_table(req.table)))
+        if (one_record && std::ranges::count(req.index_given, &f) == 0)
+            return fail(exit_usage,
+                        std::string("missing index field ") + f.name + " (" + type_name(&f) + ")");
     if (req.command == "set" && req.value_tags.empty())
         return fail(exit_usage, "set needs at least one field=value");
 

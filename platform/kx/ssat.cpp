@@ -218,17 +218,20 @@ void execute(std::string_view module, std::string_view line, evbuffer *out)
                         (format.arity == 0 ? "no argument" : std::string(format.text)) + ", got ";
     size_t given = words->size() - 1;
     if (given != format.arity)
-        return reply_error(out, usage + std::to_string(given) + " argument" + (given == 1 ? "" : "s"));
+        return reply_error(out, usage + std::to_string(given) + " argument" +
+                                    (given == 1 ? "" : "s"));
     std::string word;
     ssat_args args{"", 0};
     if (format.arity == 2) {
         word = (*words)[1];
         if (word.size() > max_word)
-            return reply_error(out, usage + "a word longer than " + std::to_string(max_word) + " bytes");
+            return reply_error(out, usage + "a word longer than " + std::to_string(max_word) +
+                                        " bytes");
         args.word = word.c_str();
     }
     if (format.arity > 0 && !kx::parse_int32(words->back(), &args.num))
-        return reply_error(out, usage + "'" + std::string(words->back()) + "', not a 32-bit integer");
+        return reply_error(out,
+                           usage + "'" + std::string(words->back()) + "', not a 32-bit integer");
     if (command->fn)
         run_handler(*command, args, out);
     else

@@ -40,7 +40,8 @@ TEST_F(Kxctl, WritesWhatRedisCliReads)
         {{"set", "s_frame.cap_fe_ready", "node=16", "index.config_dev_type=5", "config_dev_type=7", "ready=1"},
          28, "s_frame.cap_fe_ready|16|5", "config_dev_type\n7\nready\ntrue"},
         {{"set", "s_frame.cap_dep", "module=fib", "ready=true"}, 3, "s_frame.cap_dep|fib", "ready\ntrue\nextra\nkept"},
-        {{"set", "p_dev.dp_lib_my_info", "dm_my_node_type=DM_TYPE_LC"}, 1, "p_dev.dp_lib_my_info", "dm_my_node_type\n3"},
+        {{"set", "p_dev.dp_lib_my_info", "dm_my_node_type=DM_TYPE_LC"}, 1, "p_dev.dp_lib_my_info",
+         "dm_my_node_type\n3"},
         {{"del", "s_frame.cap_glb_table", "node=2", "url=/z"}, 28, "s_frame.cap_glb_table|2|/z", ""},
     };
     for (const auto &[args, db, key, stored] : cases) {
