@@ -267,7 +267,8 @@ void drop(Client *c)
     std::erase_if(c->owner->clients, [c](const auto &p) { return p.get() == c; });
 }
 
-// The reply is queued: read no more, and close once it is written (on_flushed).
+// Answers the request line once it is complete; then reads no more, and on_flushed
+// closes the connection once the reply is written.
 void on_request(bufferevent *bev, void *arg)
 {
     auto *c = static_cast<Client *>(arg);
