@@ -6,7 +6,6 @@
 // consumed here; the handler's n bytes go to standard output unchanged.
 // Exit status: 0 the command ran; 1 the daemon refused it (reason on stderr) or its
 // reply was cut short; 2 bad usage; 3 the daemon cannot be reached.
-#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <csignal>
@@ -21,6 +20,8 @@
 #include <unistd.h>
 
 #include "kx_global.h"
+#include "kx_internal.h"
+#include "ssat.h"
 
 namespace {
 
@@ -42,34 +43,11 @@ int usage_error(const char *why)
     return exit_usage;
 }
 
-bool valid_module(std::string_view m)
-{
-    if (m.empty() || m.front() == '.' || m.size() > 64)
-        return false;
-    for (char c : m)
-        if (!isalnum(static_cast<unsigned char>(c)) && !strchr("_.-", c))
-            return false;
-    return true;
-}
-
 bool printable(std::string_view s)
 {
     for (char c : s)
         if (c < ' ' || c >= 0x7f)
             return false;
-    return true;
-}
-
-bool write_all(int fd, std::string_view data)
-{
-    while (!data.empty()) {
-        ssize_t n = write(fd, data.data(), data.size());
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        data.remove_prefix(static_cast<size_t>(n));
-    }
     return true;
 }
 
@@ -144,7 +122,7 @@ int relay_reply(int fd, const std::string &module, int send_error)
         return exit_refused;
     }
     body = body.substr(0, expected); // bytes past the announced ones are not the handler's
-    if (!write_all(STDOUT_FILENO, body)) {
+    if (!kx::write_all(STDOUT_FILENO, body)) {
         perror("ssat: standard output");
         return exit_refused;
     }
@@ -166,7 +144,7 @@ int main(int argc, char **argv)
     if (argc < 3)
         return usage_error("missing MODULE or COMMAND");
     std::string module = argv[1];
-    if (!valid_module(module))
+    if (!ssat_valid_module(module.c_str()))
         return usage_error("MODULE is a name of letters, digits, '_', '.' and '-'");
     std::string line;
     for (int i = 2; i < argc; ++i) {
@@ -182,7 +160,7 @@ int main(int argc, char **argv)
     int fd = connect_daemon(module, path);
     if (fd < 0)
         return exit_unreachable;
-    int rc = relay_reply(fd, module, write_all(fd, line) ? 0 : errno);
+    int rc = relay_reply(fd, module, kx::write_all(fd, line) ? 0 : errno);
     close(fd);
     return rc;
 }

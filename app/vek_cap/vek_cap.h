@@ -15,9 +15,10 @@
 #include "s_frame.pb-c.h"
 
 // ---- databases ---------------------------------------------------------------
-inline constexpr int32_t VEK_CAP_DB_HOST = 3;      // card-local: "host"
-inline constexpr int32_t VEK_CAP_DB_TUNNER = 1;    // card identity: "tunner_db"
-inline constexpr int32_t VEK_CAP_DB_CE_GLOBAL = 28; // chassis-global: "ce_global", "cap_db"
+// The database numbers are the platform's (kx_mom.h), shared with the tools.
+inline constexpr int32_t VEK_CAP_DB_HOST = KX_MOM_DB_HOST;           // "host"
+inline constexpr int32_t VEK_CAP_DB_TUNNER = KX_MOM_DB_TUNNER;       // "tunner_db"
+inline constexpr int32_t VEK_CAP_DB_CE_GLOBAL = KX_MOM_DB_CE_GLOBAL; // "ce_global", "cap_db"
 
 // ---- fixed paths (each is put behind KX_ROOT) ----------------------------------
 inline constexpr const char *VEK_CAP_DEP_DIR = "/etc/cap_cfg/cap_dep/fe";

@@ -15,16 +15,21 @@ typedef struct kx_timestamp {
 
 // Creates the event loop and returns the handle; returns `global` unchanged when
 // it is already a live handle, and nullptr when the loop cannot be created.
+// SIGPIPE left at its default is ignored from then on.
 kx_global_t *kx_global_init(const char *module, kx_global_t *global);
 
 // Runs the loop until SIGTERM or SIGINT. Returns 0, or -1 when it cannot run.
+// SIGHUP makes the log sink open its output files again (after logrotate).
 int32_t kx_global_run(kx_global_t *global);
 
 // Closes every store connection and the debug shell and frees the handle.
 void kx_global_finish(kx_global_t *global);
 
-// Takes an exclusive lock on <KX_ROOT>/var/run/<program>.pid and writes the pid
-// there. 0 when this is the only instance, otherwise a non-zero code.
+// First opens /dev/null on any closed standard descriptor, then takes an exclusive
+// lock on <KX_ROOT>/var/run/<program>.pid, <program> being the executable's file
+// name (/proc/self/exe, whatever name it was started under), and writes the pid
+// there. 0 when this is the only instance, otherwise a negative errno (-EEXIST: the
+// lock is held) and one line on stderr saying why.
 int32_t kx_initframe_duplicate_check(void);
 
 // There is no process manager to tell: the request is recorded and 0 returned.

@@ -121,4 +121,32 @@ const ProtobufCMessageDescriptor *kx_mom_table(const char *name);
 // All of them, in a fixed order, ending with nullptr.
 const ProtobufCMessageDescriptor *const *kx_mom_tables(void);
 
+// The databases of a card's store, with the names the daemon's messages give them.
+enum {
+    KX_MOM_DB_TUNNER = 1,     // "tunner_db": the card's and the chassis's identity
+    KX_MOM_DB_HOST = 3,       // "host": the card's own capability and its dependencies
+    KX_MOM_DB_CE_GLOBAL = 28, // "ce_global": chassis-wide, written by every card
+};
+
+// The database each table lives in, in the order of kx_mom_tables().
+typedef struct kx_mom_table_home {
+    const char *table;
+    int32_t db;
+} kx_mom_table_home;
+
+inline constexpr kx_mom_table_home kx_mom_table_homes[] = {
+    {"p_dev.dp_lib_my_info", KX_MOM_DB_TUNNER},
+    {"p_dev.dp_lib_my_chss_info", KX_MOM_DB_TUNNER},
+    {"p_libpub.cap_state", KX_MOM_DB_HOST},
+    {"p_libpub.cap_table", KX_MOM_DB_HOST},
+    {"p_libpub.cap_subcard_state", KX_MOM_DB_HOST},
+    {"p_libpub.cap_subcard_table", KX_MOM_DB_HOST},
+    {"s_frame.cap_dep", KX_MOM_DB_HOST},
+    {"s_frame.cap_glb_table", KX_MOM_DB_CE_GLOBAL},
+    {"s_frame.cap_fe_ready", KX_MOM_DB_CE_GLOBAL},
+    {"s_frame.cap_del_fe_ready", KX_MOM_DB_CE_GLOBAL},
+    {"s_frame.cap_subcard_glb_table", KX_MOM_DB_CE_GLOBAL},
+    {"s_frame.cap_subcard_ready", KX_MOM_DB_CE_GLOBAL},
+};
+
 #endif

@@ -4,7 +4,9 @@
 #ifndef SSAT_H
 #define SSAT_H
 
+#include <cctype>
 #include <cstdint>
+#include <cstring>
 #include <tuple>
 #include <type_traits>
 
@@ -24,6 +26,20 @@ typedef struct ssat_args {
 
 typedef void (*ssat_fn)(void);
 typedef void (*ssat_thunk)(ssat_fn fn, const ssat_args *args);
+
+// A module's name is also part of file names (its socket, its log): 1 to 64 letters,
+// digits, '_', '.' and '-', not starting with '.'. The daemon's side and the client
+// both check it, so that they agree on which names exist.
+inline bool ssat_valid_module(const char *module)
+{
+    size_t len = module ? strlen(module) : 0;
+    if (len == 0 || len > 64 || module[0] == '.')
+        return false;
+    for (size_t i = 0; i < len; ++i)
+        if (!isalnum(static_cast<unsigned char>(module[i])) && !strchr("_.-", module[i]))
+            return false;
+    return true;
+}
 
 // Listens on <KX_ROOT>/var/run/ssat/<module>.sock from the loop of `global`.
 int32_t ssat_lib_init(kx_global_t *global, const char *module);

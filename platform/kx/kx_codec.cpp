@@ -29,12 +29,8 @@ constexpr const ProtobufCMessageDescriptor *kTables[] = {
     &s_frame__cap_subcard_ready__descriptor,
     nullptr,
 };
-
-template <typename T> T &member(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f)
-{
-    return *reinterpret_cast<T *>(reinterpret_cast<char *>(const_cast<ProtobufCMessage *>(msg)) +
-                                  f->offset);
-}
+static_assert(std::size(kTables) == std::size(kx_mom_table_homes) + 1,
+              "every table has its database in kx_mom.h");
 
 std::span<const ProtobufCFieldDescriptor> fields_of(const ProtobufCMessageDescriptor *desc)
 {
@@ -53,20 +49,6 @@ bool storable(const ProtobufCFieldDescriptor *f)
     return f->label == PROTOBUF_C_LABEL_NONE &&
            (is_int_kind(f->type) || f->type == PROTOBUF_C_TYPE_BOOL ||
             f->type == PROTOBUF_C_TYPE_STRING || f->type == PROTOBUF_C_TYPE_BYTES);
-}
-
-// Canonical decimal int32: what std::to_string writes, nothing else ("007",
-// "-0", "+1", " 1" would name the same record under a second key).
-bool parse_int32(std::string_view text, int32_t *out)
-{
-    int32_t value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size() || text.empty())
-        return false;
-    if (std::to_string(value) != text)
-        return false;
-    *out = value;
-    return true;
 }
 
 char *copy_string(std::string_view text)
@@ -149,6 +131,20 @@ bool part_is_default(const ProtobufCMessage *index, const ProtobufCFieldDescript
 }
 
 } // namespace
+
+// Canonical decimal int32: what std::to_string writes, nothing else ("007",
+// "-0", "+1", " 1" would name the same record under a second key).
+bool parse_int32(std::string_view text, int32_t *out)
+{
+    int32_t value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size() || text.empty())
+        return false;
+    if (std::to_string(value) != text)
+        return false;
+    *out = value;
+    return true;
+}
 
 std::string field_text(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f)
 {

@@ -39,6 +39,22 @@ struct HashResFree {
 };
 using HashRes = std::unique_ptr<kx_mom_hash_res, HashResFree>;
 
+// Field `f` of `msg` as the generated C struct holds it (int32_t, protobuf_c_boolean,
+// char *, ProtobufCBinaryData, ProtobufCMessage *).
+template <class T> T &member(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f)
+{
+    return *reinterpret_cast<T *>(reinterpret_cast<char *>(msg) + f->offset);
+}
+template <class T> const T &member(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f)
+{
+    return *reinterpret_cast<const T *>(reinterpret_cast<const char *>(msg) + f->offset);
+}
+
+// A decimal int32 written as std::to_string writes it: an optional '-', no leading
+// zeros, no '+', nothing else ("007", "-0", "+1" and " 1" are refused, so that one
+// number has one spelling in keys, commands and arguments).
+bool parse_int32(std::string_view text, int32_t *out);
+
 // The `index` field of a keyed table (a sub-message), or nullptr for a
 // single-record table.
 const ProtobufCFieldDescriptor *index_field(const ProtobufCMessageDescriptor *table);

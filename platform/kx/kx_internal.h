@@ -3,6 +3,10 @@
 #define KX_INTERNAL_H
 
 #include <string>
+#include <string_view>
+#include <utility>
+
+#include <unistd.h>
 
 #include "kx_global.h"
 
@@ -19,6 +23,34 @@ void ssat_release(kx_global_t *global);
 
 // mkdir -p for the directory part of `path` (failures show when the path is used).
 void make_parent_dirs(const std::string &path);
+
+// Owns a descriptor: closed on every path.
+class FdHolder {
+public:
+    explicit FdHolder(int fd = -1) : fd_(fd) {}
+    ~FdHolder() { reset(); }
+    FdHolder(const FdHolder &) = delete;
+    FdHolder &operator=(const FdHolder &) = delete;
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+    void reset(int fd = -1)
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = fd;
+    }
+
+private:
+    int fd_;
+};
+
+// Writes all of `data` to `fd` (a blocking descriptor), going on after EINTR and
+// short writes; false on any other failure.
+bool write_all(int fd, std::string_view data);
+
+// Opens every log file output again by its path: after logrotate moved the file,
+// records go to a new one (SIGHUP).
+void zlog_reopen();
 } // namespace kx
 
 struct kx_global {
@@ -26,6 +58,7 @@ struct kx_global {
     std::string module;
     event *sigterm = nullptr;
     event *sigint = nullptr;
+    event *sighup = nullptr;
     kx::mom_state *mom = nullptr;
     kx::ssat_state *ssat = nullptr;
 };

@@ -22,7 +22,6 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,11 +33,13 @@
 #include <unistd.h>
 
 #include "kx_internal.h"
+#include "ssat.h"
 
 struct kx_zlog_category {
     enum class Output { file, stderr_stream, syslog };
     Output output = Output::file;
     int fd = -1;
+    std::string path; // of a file output, to open it again on SIGHUP
     int level = KX_ZLOG_LEVEL_DEBUG;
     std::string ident; // syslog keeps a pointer to its identity string
 };
@@ -73,8 +74,7 @@ const Level *level_by_number(int number)
 }
 
 // Categories live until the process ends, as zlog's do; keeping them here also
-// keeps them reachable for leak checkers.
-std::mutex registry_mutex;
+// keeps them reachable for leak checkers. Like all of libkx, used from one thread.
 std::vector<std::unique_ptr<kx_zlog_category>> registry;
 
 struct Config {
@@ -156,6 +156,12 @@ std::optional<Config> read_config(const std::string &path)
     return std::nullopt;
 }
 
+// Appends only: see the top of the file.
+int open_file(const std::string &path)
+{
+    return open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+}
+
 bool open_output(kx_zlog_category &cat, const std::string &output, const char *module)
 {
     using Output = kx_zlog_category::Output;
@@ -171,17 +177,13 @@ bool open_output(kx_zlog_category &cat, const std::string &output, const char *m
         return true;
     }
     cat.output = Output::file;
-    cat.fd = open(output.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    cat.path = output;
+    cat.fd = open_file(output);
     if (cat.fd < 0) {
         fprintf(stderr, "kx_zlog: cannot open %s: %s\n", output.c_str(), strerror(errno));
         return false;
     }
     return true;
-}
-
-bool valid_module(const char *module)
-{
-    return module && *module && *module != '.' && !strchr(module, '/');
 }
 
 // Appends `text` with control characters made visible, so one record stays one line.
@@ -239,23 +241,11 @@ std::string vformat(const char *format, va_list ap)
     return text;
 }
 
-void write_all(int fd, std::string_view data)
-{
-    while (!data.empty()) {
-        ssize_t n = write(fd, data.data(), data.size());
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return; // a full disk or a closed stderr: the record is lost, the caller goes on
-        data.remove_prefix(static_cast<size_t>(n));
-    }
-}
-
 } // namespace
 
 kx_zlog_category_t *kx_zlog_init(const char *module)
 {
-    if (!valid_module(module))
+    if (!ssat_valid_module(module))
         return nullptr;
     std::string conf_path = kx_root_path("/etc/kx/");
     conf_path += module;
@@ -280,9 +270,21 @@ kx_zlog_category_t *kx_zlog_init(const char *module)
     cat->level = cfg->level;
     if (!open_output(*cat, output, module))
         return nullptr;
-    std::lock_guard lock(registry_mutex);
     registry.push_back(std::move(cat));
     return registry.back().get();
+}
+
+void kx::zlog_reopen()
+{
+    for (const auto &cat : registry) {
+        if (cat->output != kx_zlog_category::Output::file)
+            continue;
+        int fd = open_file(cat->path);
+        if (fd < 0) // records go on to the old file, wherever it is now
+            fprintf(stderr, "kx_zlog: cannot reopen %s: %s\n", cat->path.c_str(), strerror(errno));
+        else
+            close(std::exchange(cat->fd, fd));
+    }
 }
 
 void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, const char *func,
@@ -317,7 +319,8 @@ void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, c
         return;
     }
     record += '\n';
-    write_all(category->fd, record);
+    // A full disk or a closed stderr loses the record; the caller goes on.
+    (void)kx::write_all(category->fd, record);
 }
 
 int at_snprintf(char *buf, size_t size, const char *format, ...)

@@ -14,27 +14,27 @@
 //   complete reply from one cut short by a dying daemon.
 //
 // Everything runs on the loop of the handle: accepting, reading, the handler itself
-// (one at a time with the store callbacks) and the reply, which is written without
-// blocking so that a client that stops reading never holds the loop. A client gets
-// 5 s to send its line and 5 s per stalled write of its reply.
+// (one at a time with the store callbacks) and the reply, which a bufferevent writes
+// as the client reads it, so that a client that stops reading never holds the loop.
+// A client idle for 5 s, before its line or during its reply, is dropped.
 #include "ssat.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
 #include <event2/event.h>
+#include <event2/listener.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -42,6 +42,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "kx_codec.h"
 #include "kx_internal.h"
 
 namespace {
@@ -52,6 +53,14 @@ constexpr size_t max_name = 64;
 constexpr size_t max_clients = 64;
 constexpr timeval idle_timeout{5, 0};
 constexpr timeval accept_pause{1, 0};
+
+template <auto Free> struct FreeWith {
+    template <class T> void operator()(T *p) const { Free(p); }
+};
+using BufferEvent = std::unique_ptr<bufferevent, FreeWith<bufferevent_free>>;
+using ConnListener = std::unique_ptr<evconnlistener, FreeWith<evconnlistener_free>>;
+using Event = std::unique_ptr<event, FreeWith<event_free>>;
+using FileSegment = std::unique_ptr<evbuffer_file_segment, FreeWith<evbuffer_file_segment_free>>;
 
 struct Format {
     std::string_view text;
@@ -67,18 +76,10 @@ struct Command {
     ssat_thunk thunk;
 };
 
-// Commands by module, in registration order (the order `help` lists them).
-std::mutex commands_mutex;
+// Commands by module, in registration order (the order `help` lists them). Like all
+// of libkx it is used from the loop's thread only (commands are registered before the
+// loop runs), so it takes no lock.
 std::map<std::string, std::vector<Command>, std::less<>> commands;
-
-bool valid_module(const char *module)
-{
-    if (!module || !*module || *module == '.' || strlen(module) > max_name)
-        return false;
-    return std::all_of(module, module + strlen(module), [](char c) {
-        return isalnum(static_cast<unsigned char>(c)) || strchr("_.-", c);
-    });
-}
 
 bool valid_command(const char *cmd)
 {
@@ -91,7 +92,6 @@ std::optional<Command> find_command(std::string_view module, std::string_view na
 {
     if (name == "help")
         return Command{"help", &formats[0], nullptr, nullptr};
-    std::lock_guard lock(commands_mutex);
     auto it = commands.find(module);
     if (it == commands.end())
         return std::nullopt;
@@ -104,7 +104,6 @@ std::optional<Command> find_command(std::string_view module, std::string_view na
 std::string help_text(std::string_view module)
 {
     std::string text;
-    std::lock_guard lock(commands_mutex);
     if (auto it = commands.find(module); it != commands.end())
         for (const auto &c : it->second)
             text += c.name + " " + std::string(c.format->text) + "\n";
@@ -128,38 +127,7 @@ std::optional<std::vector<std::string_view>> split_words(std::string_view line)
     return words;
 }
 
-// A whole decimal signed 32-bit integer: optional sign, digits, nothing else.
-std::optional<int32_t> parse_int32(std::string_view text)
-{
-    if (text.starts_with('+') && !text.starts_with("+-"))
-        text.remove_prefix(1);
-    int32_t value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size())
-        return std::nullopt;
-    return value;
-}
-
 // ---- running a handler with standard output captured ---------------------------------
-
-class FdHolder {
-public:
-    explicit FdHolder(int fd = -1) : fd_(fd) {}
-    ~FdHolder() { reset(); }
-    FdHolder(const FdHolder &) = delete;
-    FdHolder &operator=(const FdHolder &) = delete;
-    int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
-    void reset(int fd = -1)
-    {
-        if (fd_ >= 0)
-            close(fd_);
-        fd_ = fd;
-    }
-
-private:
-    int fd_;
-};
 
 // Points descriptor 1 at `target` for its lifetime; the handler may move descriptor 1
 // itself meanwhile (a dump to a file does) as long as it puts it back.
@@ -188,71 +156,86 @@ private:
     int saved_;
 };
 
-std::string error_reply(std::string_view reason)
+void reply_error(evbuffer *out, std::string_view reason)
 {
-    return "ERR " + std::string(reason) + "\n";
+    evbuffer_add_printf(out, "ERR %.*s\n", static_cast<int>(reason.size()), reason.data());
 }
 
-std::string ok_reply(std::string_view output)
+void reply_ok(evbuffer *out, std::string_view output)
 {
-    return "OK " + std::to_string(output.size()) + "\n" + std::string(output);
+    evbuffer_add_printf(out, "OK %zu\n", output.size());
+    evbuffer_add(out, output.data(), output.size());
 }
 
-// Runs the handler with standard output in a memory file, then reads that file back.
-std::string run_handler(const Command &command, const ssat_args &args)
+std::string reason(const char *what)
+{
+    return std::string(what) + ": " + strerror(errno);
+}
+
+// Runs the handler with standard output in a memory file, then queues the file itself
+// on `out`: the bytes go from it to the socket as the client reads them.
+void run_handler(const Command &command, const ssat_args &args, evbuffer *out)
 {
     // Above the standard descriptors, so that a closed stdout cannot be handed the memfd.
-    FdHolder memfd(memfd_create("ssat-stdout", MFD_CLOEXEC));
+    kx::FdHolder memfd(memfd_create("ssat-stdout", MFD_CLOEXEC));
     if (memfd.get() >= 0 && memfd.get() < 3)
         memfd.reset(fcntl(memfd.get(), F_DUPFD_CLOEXEC, 3));
     if (memfd.get() < 0)
-        return error_reply(std::string("cannot capture output: ") + strerror(errno));
+        return reply_error(out, reason("cannot capture output"));
     {
         StdoutRedirect redirect(memfd.get());
         command.thunk(command.fn, &args);
     }
     struct stat st{};
     if (fstat(memfd.get(), &st) != 0)
-        return error_reply(std::string("cannot read the command's output: ") + strerror(errno));
-    std::string output(static_cast<size_t>(st.st_size), '\0');
-    if (pread(memfd.get(), output.data(), output.size(), 0) != st.st_size)
-        return error_reply(std::string("cannot read the command's output: ") + strerror(errno));
-    return ok_reply(output);
+        return reply_error(out, reason("cannot read the command's output"));
+    FileSegment output;
+    if (st.st_size > 0) {
+        output.reset(evbuffer_file_segment_new(memfd.get(), 0, st.st_size, EVBUF_FS_CLOSE_ON_FREE));
+        if (!output)
+            return reply_error(out, reason("cannot queue the command's output"));
+        memfd.release(); // the segment closes it
+    }
+    evbuffer_add_printf(out, "OK %lld\n", static_cast<long long>(st.st_size));
+    if (output) // the buffer takes its own reference
+        evbuffer_add_file_segment(out, output.get(), 0, st.st_size);
 }
 
-// The reply to one request line: the handler's output, or why it did not run.
-std::string execute(std::string_view module, std::string_view line)
+// Queues the reply to one request line: the handler's output, or why it did not run.
+void execute(std::string_view module, std::string_view line, evbuffer *out)
 {
     auto words = split_words(line);
     if (!words)
-        return error_reply("line holds bytes that are not printable text");
+        return reply_error(out, "line holds bytes that are not printable text");
     if (words->empty())
-        return error_reply("empty command line");
+        return reply_error(out, "empty command line");
     std::string name((*words)[0]);
     auto command = find_command(module, name);
     if (!command)
-        return error_reply("unknown command '" + name + "' (try help)");
+        return reply_error(out, "unknown command '" + name + "' (try help)");
     const Format &format = *command->format;
     std::string usage = name + ": expected " +
                         (format.arity == 0 ? "no argument" : std::string(format.text)) + ", got ";
     size_t given = words->size() - 1;
     if (given != format.arity)
-        return error_reply(usage + std::to_string(given) + " argument" + (given == 1 ? "" : "s"));
+        return reply_error(out, usage + std::to_string(given) + " argument" +
+                                    (given == 1 ? "" : "s"));
     std::string word;
     ssat_args args{"", 0};
     if (format.arity == 2) {
         word = (*words)[1];
         if (word.size() > max_word)
-            return error_reply(usage + "a word longer than " + std::to_string(max_word) + " bytes");
+            return reply_error(out, usage + "a word longer than " + std::to_string(max_word) +
+                                        " bytes");
         args.word = word.c_str();
     }
-    if (format.arity > 0) {
-        auto num = parse_int32(words->back());
-        if (!num)
-            return error_reply(usage + "'" + std::string(words->back()) + "', not a 32-bit integer");
-        args.num = *num;
-    }
-    return command->fn ? run_handler(*command, args) : ok_reply(help_text(module));
+    if (format.arity > 0 && !kx::parse_int32(words->back(), &args.num))
+        return reply_error(out,
+                           usage + "'" + std::string(words->back()) + "', not a 32-bit integer");
+    if (command->fn)
+        run_handler(*command, args, out);
+    else
+        reply_ok(out, help_text(module));
 }
 
 // ---- connections ---------------------------------------------------------------------
@@ -261,34 +244,16 @@ struct Listener;
 
 struct Client {
     Listener *owner;
-    int fd;
-    event *on_read = nullptr;
-    event *on_write = nullptr;
-    event *on_timeout = nullptr;
-    std::string line;  // the request so far
-    std::string reply; // once known: never empty, every reply has a status line
-    size_t sent = 0;
-
-    Client(Listener *l, int client_fd) : owner(l), fd(client_fd) {}
-    ~Client()
-    {
-        for (event *ev : {on_read, on_write, on_timeout})
-            if (ev)
-                event_free(ev);
-        close(fd);
-    }
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
+    BufferEvent bev;
 };
 
 struct Listener {
     event_base *base;
     std::string module;
     std::string path;
-    int fd = -1;
     ino_t inode = 0;
-    event *on_accept = nullptr;
-    event *on_resume = nullptr;
+    ConnListener listener;
+    Event resume;
     std::vector<std::unique_ptr<Client>> clients;
 
     Listener(event_base *b, std::string m) : base(b), module(std::move(m)) {}
@@ -302,69 +267,42 @@ void drop(Client *c)
     std::erase_if(c->owner->clients, [c](const auto &p) { return p.get() == c; });
 }
 
-void try_send(Client *c)
+// Answers the request line once it is complete; then reads no more, and on_flushed
+// closes the connection once the reply is written.
+void on_request(bufferevent *bev, void *arg)
 {
-    while (c->sent < c->reply.size()) {
-        ssize_t n = send(c->fd, c->reply.data() + c->sent, c->reply.size() - c->sent,
-                         MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            event_add(c->on_write, nullptr);
-            return;
-        }
-        if (n <= 0) // gone (EPIPE, ECONNRESET): nothing more to do for it
-            break;
-        c->sent += static_cast<size_t>(n);
-        evtimer_add(c->on_timeout, &idle_timeout); // progress: the client is reading
-    }
+    auto *c = static_cast<Client *>(arg);
+    evbuffer *in = bufferevent_get_input(bev);
+    size_t len = 0;
+    std::unique_ptr<char, FreeWith<free>> line(evbuffer_readln(in, &len, EVBUFFER_EOL_LF));
+    if (line && len <= max_line)
+        execute(c->owner->module, std::string_view(line.get(), len), bufferevent_get_output(bev));
+    else if (line || evbuffer_get_length(in) > max_line)
+        reply_error(bufferevent_get_output(bev), "line longer than 4096 bytes");
+    else
+        return; // the line is not complete yet
+    bufferevent_disable(bev, EV_READ);
+}
+
+void on_flushed(bufferevent *, void *arg)
+{
+    drop(static_cast<Client *>(arg));
+}
+
+void on_event(bufferevent *bev, short what, void *arg)
+{
+    auto *c = static_cast<Client *>(arg);
+    if (what == (BEV_EVENT_READING | BEV_EVENT_TIMEOUT)) // libevent stopped reading
+        return reply_error(bufferevent_get_output(bev), "no command line within 5 s");
+    // Gone before its line was complete (nothing runs), or stalled or gone during its
+    // reply: nothing more to do for it.
     drop(c);
 }
 
-void start_reply(Client *c, std::string reply)
-{
-    event_del(c->on_read);
-    c->reply = std::move(reply);
-    evtimer_add(c->on_timeout, &idle_timeout);
-    try_send(c);
-}
-
-void on_client_writable(evutil_socket_t, short, void *arg)
-{
-    try_send(static_cast<Client *>(arg));
-}
-
-void on_client_timeout(evutil_socket_t, short, void *arg)
-{
-    auto *c = static_cast<Client *>(arg);
-    if (!c->reply.empty())
-        drop(c); // it stopped reading its reply
-    else
-        start_reply(c, error_reply("no command line within 5 s"));
-}
-
-void on_client_readable(evutil_socket_t, short, void *arg)
-{
-    auto *c = static_cast<Client *>(arg);
-    char buf[1024];
-    ssize_t n = recv(c->fd, buf, sizeof buf, 0);
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
-        return;
-    if (n <= 0) // gone before its line was complete: nothing runs
-        return drop(c);
-    size_t scanned = c->line.size();
-    c->line.append(buf, static_cast<size_t>(n));
-    size_t eol = std::min(c->line.find('\n', scanned), c->line.size());
-    if (eol > max_line)
-        return start_reply(c, error_reply("line longer than 4096 bytes"));
-    if (eol < c->line.size())
-        start_reply(c, execute(c->owner->module, std::string_view(c->line).substr(0, eol)));
-}
-
 // Refuses a connection with one line; the socket is fresh, so the line fits its buffer.
-void refuse(int fd, std::string_view reason)
+void refuse(int fd, std::string_view why)
 {
-    std::string reply = error_reply(reason);
+    std::string reply = "ERR " + std::string(why) + "\n";
     (void)!send(fd, reply.data(), reply.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     close(fd);
 }
@@ -378,62 +316,44 @@ bool peer_allowed(int fd)
     return cred.uid == 0 || cred.uid == geteuid();
 }
 
-void add_client(Listener *l, int fd)
+void on_accept(evconnlistener *, evutil_socket_t fd, sockaddr *, int, void *arg)
 {
+    auto *l = static_cast<Listener *>(arg);
     if (!peer_allowed(fd))
         return refuse(fd, "permission denied");
     if (l->clients.size() >= max_clients)
         return refuse(fd, "too many clients, try again");
-    auto c = std::make_unique<Client>(l, fd);
-    c->on_read = event_new(l->base, fd, EV_READ | EV_PERSIST, on_client_readable, c.get());
-    c->on_write = event_new(l->base, fd, EV_WRITE, on_client_writable, c.get());
-    c->on_timeout = evtimer_new(l->base, on_client_timeout, c.get());
-    if (!c->on_read || !c->on_write || !c->on_timeout || event_add(c->on_read, nullptr) != 0 ||
-        evtimer_add(c->on_timeout, &idle_timeout) != 0)
-        return; // c closes the descriptor
-    l->clients.push_back(std::move(c));
+    BufferEvent bev(bufferevent_socket_new(l->base, fd, BEV_OPT_CLOSE_ON_FREE));
+    if (!bev)
+        return (void)close(fd);
+    auto c = std::make_unique<Client>(Client{l, std::move(bev)});
+    bufferevent_setcb(c->bev.get(), on_request, on_flushed, on_event, c.get());
+    // Reading stops once the buffer holds more than a line may: memory stays bounded.
+    bufferevent_setwatermark(c->bev.get(), EV_READ, 0, max_line + 1);
+    bufferevent_set_timeouts(c->bev.get(), &idle_timeout, &idle_timeout);
+    if (bufferevent_enable(c->bev.get(), EV_READ) == 0)
+        l->clients.push_back(std::move(c));
 }
 
-void on_accept(evutil_socket_t, short, void *arg)
+// Out of descriptors or memory: the pending connection would wake the loop again at
+// once, so stop accepting for a while instead of spinning.
+void on_accept_error(evconnlistener *listener, void *arg)
 {
-    auto *l = static_cast<Listener *>(arg);
-    for (;;) {
-        int fd = accept4(l->fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd >= 0) {
-            add_client(l, fd);
-            continue;
-        }
-        if (errno == EINTR || errno == ECONNABORTED)
-            continue;
-        if (errno != EAGAIN && errno != EWOULDBLOCK) {
-            // Out of descriptors or memory: the pending connection would wake the loop
-            // again at once, so stop accepting for a while instead of spinning.
-            event_del(l->on_accept);
-            evtimer_add(l->on_resume, &accept_pause);
-        }
-        return;
-    }
+    evconnlistener_disable(listener);
+    evtimer_add(static_cast<Listener *>(arg)->resume.get(), &accept_pause);
 }
 
 void on_resume(evutil_socket_t, short, void *arg)
 {
-    event_add(static_cast<Listener *>(arg)->on_accept, nullptr);
+    evconnlistener_enable(static_cast<Listener *>(arg)->listener.get());
 }
 
 Listener::~Listener()
 {
-    clients.clear();
-    for (event *ev : {on_accept, on_resume})
-        if (ev)
-            event_free(ev);
-    if (fd < 0)
-        return;
-    close(fd);
     // Only our own socket: never one that replaced it in the meantime.
     struct stat st{};
-    if (lstat(path.c_str(), &st) == 0 && st.st_ino == inode)
+    if (listener && lstat(path.c_str(), &st) == 0 && st.st_ino == inode)
         unlink(path.c_str());
-    std::lock_guard lock(commands_mutex);
     commands.erase(module);
 }
 
@@ -472,7 +392,7 @@ sockaddr_un socket_address(const std::string &path)
 // True when a process accepts connections on `path`.
 bool someone_listens(const std::string &path)
 {
-    FdHolder probe(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    kx::FdHolder probe(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (probe.get() < 0)
         return false;
     sockaddr_un addr = socket_address(path);
@@ -507,27 +427,27 @@ int32_t open_listener(Listener &l)
     if (int32_t rc = clear_stale(l.path); rc != 0)
         return rc;
 
-    FdHolder fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    kx::FdHolder fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd.get() < 0)
         return fail("socket", errno);
     sockaddr_un addr = socket_address(l.path);
     if (bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
         return fail(l.path, errno);
+    // 0600 before listen(2): no one else connects in between.
     struct stat st{};
-    if (chmod(l.path.c_str(), 0600) != 0 || lstat(l.path.c_str(), &st) != 0 ||
-        listen(fd.get(), 16) != 0) {
+    l.resume.reset(evtimer_new(l.base, on_resume, &l));
+    if (chmod(l.path.c_str(), 0600) == 0 && lstat(l.path.c_str(), &st) == 0 && l.resume)
+        l.listener.reset(evconnlistener_new(l.base, on_accept, &l,
+                                            LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 16,
+                                            fd.get()));
+    if (!l.listener) {
         int err = errno;
         unlink(l.path.c_str());
         return fail(l.path, err);
     }
-    l.on_accept = event_new(l.base, fd.get(), EV_READ | EV_PERSIST, on_accept, &l);
-    l.on_resume = evtimer_new(l.base, on_resume, &l);
-    if (!l.on_accept || !l.on_resume || event_add(l.on_accept, nullptr) != 0) {
-        unlink(l.path.c_str());
-        return fail("event", ENOMEM);
-    }
+    fd.release();
+    evconnlistener_set_error_cb(l.listener.get(), on_accept_error);
     l.inode = st.st_ino;
-    l.fd = fd.release();
     return 0;
 }
 
@@ -548,7 +468,7 @@ void kx::ssat_release(kx_global_t *global)
 
 int32_t ssat_lib_init(kx_global_t *global, const char *module)
 {
-    if (!global || !global->base || !valid_module(module))
+    if (!global || !global->base || !ssat_valid_module(module))
         return SSAT_EINVAL;
     if (!global->ssat)
         global->ssat = new kx::ssat_state;
@@ -567,7 +487,7 @@ int32_t ssat_reg_mod_cmd_impl(const char *module, const char *cmd, uint32_t flag
                               const char *format, ssat_fn fn, ssat_thunk thunk, int arity)
 {
     (void)flags; // no flags are defined
-    if (!valid_module(module) || !valid_command(cmd) || !format || !fn || !thunk)
+    if (!ssat_valid_module(module) || !valid_command(cmd) || !format || !fn || !thunk)
         return SSAT_EINVAL;
     auto info = std::find_if(std::begin(formats), std::end(formats),
                              [format](const Format &f) { return f.text == format; });
@@ -575,7 +495,6 @@ int32_t ssat_reg_mod_cmd_impl(const char *module, const char *cmd, uint32_t flag
         return SSAT_EINVAL;
     if (strcmp(cmd, "help") == 0)
         return SSAT_EEXIST;
-    std::lock_guard lock(commands_mutex);
     auto &list = commands[module];
     if (std::any_of(list.begin(), list.end(), [cmd](const Command &c) { return c.name == cmd; }))
         return SSAT_EEXIST;

@@ -1,45 +1,63 @@
-// The single-instance lock across real processes. (The loop ending on SIGTERM is
-// checked where a loop runs: ssat_test.)
-#include <csignal>
+// The process framework as the built daemon meets it before it has a store: the
+// single-instance lock and its standard descriptors. (The loop ending on SIGTERM is
+// checked where a loop runs: ssat_test, zlog_test.)
+#include <cstdio>
+#include <regex>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include "kx_global.h"
 #include "test_redis.h"
 
 using namespace testsupport;
 
 namespace {
 
-// The verdict of a forked instance: 0 it may start, 1 refused, -1 it hung and was killed.
-int instance()
+// No store answers: an instance that gets past the lock stops at its first connect.
+Env env(const TempDir &root)
 {
-    pid_t pid = fork();
-    if (pid == 0)
-        _exit(kx_initframe_duplicate_check() == 0 ? 0 : 1);
-    int raw = 0;
-    if (wait_for([&] { return waitpid(pid, &raw, WNOHANG) == pid; }))
-        return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    kill(pid, SIGKILL);
-    waitpid(pid, &raw, 0);
-    return -1;
+    return {{"KX_ROOT", root.path()}, {"KX_MOM_ADDR", "unix:" + root / "none.sock"}};
 }
 
-TEST(Global, OneInstanceAtATimeAndAStalePidFileIsNoObstacle)
+// The lock is the program's, whatever name it runs under; a refusal says why on
+// stderr beside the daemon's own line, and a stale pid file is no obstacle.
+TEST(Global, OneInstanceWhateverItsNameAndARefusalSaysWhy)
 {
     TempDir root;
-    setenv("KX_ROOT", root.path().c_str(), 1);
-    std::string pid_file = root / "var/run/" + program_invocation_short_name + ".pid";
-    write_file(pid_file, "4711\n"); // left behind by an instance that died
+    const std::string pid_file = root / "var/run/vek_cap.pid", other = root / "other_name";
+    write_file(pid_file, "4711\n");
+    ASSERT_EQ(symlink(VEK_CAP_BIN, other.c_str()), 0);
     int live = open(pid_file.c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_EQ(flock(live, LOCK_EX), 0); // what a live instance holds
-    EXPECT_EQ(instance(), 1) << "a second live instance was not refused";
-    close(live);
-    EXPECT_EQ(instance(), 0) << "a stale pid file refused a legitimate start";
+    RunResult r = run({other}, env(root));
+    EXPECT_EQ(std::to_string(r.status) + "|" + r.out + "|" + r.err,
+              "255|tolvex, ret=-17, FAIL\r\n|kx_global: vek_cap is already running: pid 4711 holds " +
+                  pid_file + "\n");
+
+    close(live); // left behind by an instance that died
+    r = run({other}, env(root));
+    EXPECT_TRUE(r.out.empty() && r.err.find("kx_global") == std::string::npos) << r.out << r.err;
+    EXPECT_NE(read_file(pid_file), "4711\n");
+
+    ASSERT_EQ(rename((root / "var/run").c_str(), (root / "run").c_str()), 0);
+    write_file(root / "var/run", ""); // a file where the directory belongs
+    r = run({VEK_CAP_BIN}, env(root));
+    EXPECT_EQ(r.out + r.err, "tolvex, ret=-20, FAIL\r\nkx_global: cannot open " + pid_file +
+                                 ": Not a directory\n");
+}
+
+// Started with standard error closed, the daemon must not hand descriptor 2 to its lock
+// file: what it writes to stderr (here its whole log) would land there.
+TEST(Global, AClosedStandardDescriptorDoesNotBecomeThePidFile)
+{
+    TempDir root;
+    Env with_log = env(root);
+    with_log["KX_LOG"] = "stderr";
+    run({"sh", "-c", "exec \"$0\" 2>&-", VEK_CAP_BIN}, with_log);
+    EXPECT_TRUE(std::regex_match(read_file(root / "var/run/vek_cap.pid"), std::regex("[0-9]+\n")))
+        << read_file(root / "var/run/vek_cap.pid");
 }
 
 } // namespace

@@ -1,11 +1,14 @@
-// The log sink: the exact record, the level, where the output goes, and the
-// configurations that must leave the daemon without a log.
+// The log sink: the exact record, the level, where the output goes, the
+// configurations that must leave the daemon without a log, and log rotation.
+#include <csignal>
 #include <regex>
 #include <tuple>
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include "kx_global.h"
 #include "kx_zlog.h"
 #include "test_redis.h"
 
@@ -65,6 +68,34 @@ TEST(Zlog, OutputIsKxLogThenTheConfigurationThenTheDefault)
         log(cat, KX_ZLOG_LEVEL_ERROR, written.c_str());
         EXPECT_TRUE(written.empty() || read_file(written).ends_with(written + "\n")) << written;
     }
+}
+
+// logrotate moves the log away, then sends SIGHUP: the process lives on and its
+// records go to a new file by the configured name.
+TEST(Zlog, SighupOpensTheLogAgainAndEndsNothing)
+{
+    TempDir root;
+    const std::string path = root / "m.log";
+    setenv("KX_LOG", path.c_str(), 1);
+    pid_t pid = fork();
+    if (pid == 0) { // a process with a log and a loop, as the daemon runs
+        kx_zlog_category_t *cat = kx_zlog_init("m");
+        kx_global_t *global = kx_global_init("m", nullptr);
+        log(cat, KX_ZLOG_LEVEL_ERROR, "before");
+        kx_global_run(global); // until SIGTERM
+        log(cat, KX_ZLOG_LEVEL_ERROR, "after");
+        _exit(0);
+    }
+    ASSERT_TRUE(wait_for([&] { return read_file(path).ends_with("before\n"); }));
+    ASSERT_EQ(rename(path.c_str(), (path + ".1").c_str()), 0);
+    kill(pid, SIGHUP);
+    EXPECT_TRUE(wait_for([&] { return access(path.c_str(), F_OK) == 0; })) << "no new log";
+    kill(pid, SIGTERM);
+    int raw = -1;
+    if (!wait_for([&] { return waitpid(pid, &raw, WNOHANG) == pid; }))
+        kill(pid, SIGKILL), waitpid(pid, &raw, 0);
+    EXPECT_EQ(raw, 0) << "not a clean exit";
+    EXPECT_TRUE(read_file(path).ends_with("after\n") && !read_file(path + ".1").ends_with("after\n"));
 }
 
 } // namespace
