@@ -32,13 +32,10 @@ void kx::make_parent_dirs(const std::string &path)
         mkdir(path.substr(0, pos).c_str(), 0755);
 }
 
-const char *kx_root_path(const char *path)
+std::string kx_root_path(std::string_view path)
 {
-    thread_local std::string joined;
     const char *root = getenv("KX_ROOT");
-    joined = root ? root : "";
-    joined += path;
-    return joined.c_str();
+    return (root ? root : "") + std::string(path);
 }
 
 kx_global_t *kx_global_init(const char *module, kx_global_t *global)

@@ -253,11 +253,7 @@ int32_t kx_monotime(kx_timestamp_t *ts)
     return 0;
 }
 
-const char *kx_root_path(const char *path)
-{
-    thread_local std::string joined;
-    return (joined = s.root + path).c_str();
-}
+std::string kx_root_path(std::string_view path) { return s.root + std::string(path); }
 
 int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db)
 {
