@@ -30,12 +30,6 @@ constexpr const ProtobufCMessageDescriptor *kTables[] = {
     nullptr,
 };
 
-template <typename T> T &member(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f)
-{
-    return *reinterpret_cast<T *>(reinterpret_cast<char *>(const_cast<ProtobufCMessage *>(msg)) +
-                                  f->offset);
-}
-
 std::span<const ProtobufCFieldDescriptor> fields_of(const ProtobufCMessageDescriptor *desc)
 {
     return {desc->fields, desc->n_fields};
@@ -53,20 +47,6 @@ bool storable(const ProtobufCFieldDescriptor *f)
     return f->label == PROTOBUF_C_LABEL_NONE &&
            (is_int_kind(f->type) || f->type == PROTOBUF_C_TYPE_BOOL ||
             f->type == PROTOBUF_C_TYPE_STRING || f->type == PROTOBUF_C_TYPE_BYTES);
-}
-
-// Canonical decimal int32: what std::to_string writes, nothing else ("007",
-// "-0", "+1", " 1" would name the same record under a second key).
-bool parse_int32(std::string_view text, int32_t *out)
-{
-    int32_t value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size() || text.empty())
-        return false;
-    if (std::to_string(value) != text)
-        return false;
-    *out = value;
-    return true;
 }
 
 char *copy_string(std::string_view text)
@@ -255,6 +235,18 @@ bool stored_whole(const ProtobufCMessageDescriptor *table)
     return table == &p_libpub__cap_state__descriptor;
 }
 
+// Keys must be canonical: "007", "-0", "+1" or " 1" would name the same record under a
+// second key.
+std::optional<int32_t> parse_int32(std::string_view text)
+{
+    int32_t value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size() || text.empty() ||
+        std::to_string(value) != text)
+        return std::nullopt;
+    return value;
+}
+
 std::string record_key(const ProtobufCMessage *record)
 {
     const ProtobufCMessageDescriptor *table = record->descriptor;
@@ -356,7 +348,9 @@ ProtobufCMessage *parse_key(const ProtobufCMessageDescriptor *table, std::string
                 *error = "out of memory";
                 return nullptr;
             }
-        } else if (!parse_int32(part, &member<int32_t>(index, f))) {
+        } else if (std::optional<int32_t> n = parse_int32(part)) {
+            member<int32_t>(index, f) = *n;
+        } else {
             *error = key_error(key, "bad integer part");
             return nullptr;
         }

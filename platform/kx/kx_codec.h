@@ -18,9 +18,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include <protobuf-c/protobuf-c.h>
@@ -38,6 +40,19 @@ struct HashResFree {
     void operator()(kx_mom_hash_res *res) const { kx_mom_hash_res_free(res); }
 };
 using HashRes = std::unique_ptr<kx_mom_hash_res, HashResFree>;
+
+// The field `f` of `msg`, const when `msg` is.
+template <typename T, typename M> auto &member(M *msg, const ProtobufCFieldDescriptor *f)
+{
+    static_assert(std::is_same_v<std::remove_const_t<M>, ProtobufCMessage>);
+    using Byte = std::conditional_t<std::is_const_v<M>, const char, char>;
+    using Out = std::conditional_t<std::is_const_v<M>, const T, T>;
+    return *reinterpret_cast<Out *>(reinterpret_cast<Byte *>(msg) + f->offset);
+}
+
+// A canonical decimal int32, exactly as std::to_string writes it: no sign but `-`, no
+// leading zero, no blank ("007", "-0", "+1", " 1" are refused).
+std::optional<int32_t> parse_int32(std::string_view text);
 
 // The `index` field of a keyed table (a sub-message), or nullptr for a
 // single-record table.
