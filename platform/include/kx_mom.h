@@ -103,12 +103,13 @@ int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key
 void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                       int32_t *error);
 // Reads one hash record. A missing record gives a result with no obj and
-// error_code 0; a lost connection gives nullptr.
+// error_code 0. A bad key (also one of the whole-value table: kx_mom_get_sync reads
+// it) or a lost connection gives nullptr.
 kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
                                      const ProtobufCMessage *key);
 // Writes exactly the listed fields of the record its index selects (the
 // whole-value table is written whole). KX_MOM_EINVAL, and nothing written, for
-// a number the message lacks or the index field.
+// an empty or null list, a number the message lacks or the index field.
 int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *record,
                           const int32_t *field_tag, int32_t field_len);
 int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key);

@@ -247,6 +247,16 @@ std::optional<int32_t> parse_int32(std::string_view text)
     return value;
 }
 
+bool known_table(const ProtobufCMessage *msg)
+{
+    return msg && msg->descriptor && kx_mom_table(msg->descriptor->name) == msg->descriptor;
+}
+
+bool hash_table(const ProtobufCMessage *key)
+{
+    return known_table(key) && !stored_whole(key->descriptor);
+}
+
 std::string record_key(const ProtobufCMessage *record)
 {
     const ProtobufCMessageDescriptor *table = record->descriptor;
@@ -362,23 +372,29 @@ ProtobufCMessage *parse_key(const ProtobufCMessageDescriptor *table, std::string
     return record.release();
 }
 
-int32_t encode_hash(const ProtobufCMessage *record, std::span<const int32_t> field_tags,
-                    std::vector<FieldText> *out)
+int32_t encode_write(const ProtobufCMessage *record, const int32_t *field_tag, int32_t field_len,
+                     Write *out)
 {
-    out->clear();
-    if (!record)
+    *out = Write{};
+    if (!known_table(record) || !field_tag || field_len <= 0)
         return KX_MOM_EINVAL;
     const ProtobufCFieldDescriptor *idx = index_field(record->descriptor);
-    for (int32_t tag : field_tags) {
+    for (int32_t tag : std::span(field_tag, static_cast<size_t>(field_len))) {
         const ProtobufCFieldDescriptor *f =
             tag > 0 ? protobuf_c_message_descriptor_get_field(record->descriptor,
                                                               static_cast<unsigned>(tag))
                     : nullptr;
         if (!f || f == idx || !storable(f)) {
-            out->clear();
+            out->fields.clear();
             return KX_MOM_EINVAL;
         }
-        out->push_back({f->name, field_text(record, f)});
+        out->fields.push_back({f->name, field_text(record, f)});
+    }
+    out->key = record_key(record);
+    out->whole = stored_whole(record->descriptor);
+    if (out->whole) {
+        out->fields.clear();
+        out->value = encode_whole(record);
     }
     return 0;
 }

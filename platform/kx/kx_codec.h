@@ -1,6 +1,7 @@
-// kx_codec: how records become store keys and hash fields, and back. Pure code:
-// no connection, no I/O, no logging. libkx and the unit-test store share it, so
-// both agree byte for byte on keys, values and selections.
+// kx_codec: how records become store keys and hash fields, and back, and which
+// arguments the store calls accept. Pure code: no connection, no I/O, no logging.
+// libkx and the unit-test store share it, so both agree byte for byte on keys, values
+// and selections, and refuse the same calls.
 //
 // Keys: the table's full name, then for a table with an `index` each index field
 // in field-number order, each preceded by `|`. Integers in decimal; in strings
@@ -54,6 +55,14 @@ template <typename T, typename M> auto &member(M *msg, const ProtobufCFieldDescr
 // leading zero, no blank ("007", "-0", "+1", " 1" are refused).
 std::optional<int32_t> parse_int32(std::string_view text);
 
+// True for a message of a table libkx knows. Every call refuses any other key or record,
+// and a null one, with KX_MOM_EINVAL.
+bool known_table(const ProtobufCMessage *msg);
+
+// True for a key of a known table stored as a hash: what kx_mom_hgetall_sync reads (the
+// whole-value table has no hash fields to give, kx_mom_get_sync reads it).
+bool hash_table(const ProtobufCMessage *key);
+
 // The `index` field of a keyed table (a sub-message), or nullptr for a
 // single-record table.
 const ProtobufCFieldDescriptor *index_field(const ProtobufCMessageDescriptor *table);
@@ -101,11 +110,22 @@ struct FieldText {
     std::string text;
 };
 
-// The hash fields for the listed field numbers of `record`, in the order given.
-// KX_MOM_EINVAL (and `*out` left empty) for a null record, a number the
+// What kx_mom_hmset_sync stores: HSET key name text ... for a hash table, SET key value
+// for the whole-value table (the whole record, packed: the listed numbers are checked
+// all the same).
+struct Write {
+    std::string key;
+    bool whole = false;
+    std::vector<FieldText> fields; // hash fields in the order listed
+    std::string value;             // the packed record of the whole-value table
+};
+
+// Checks the arguments of kx_mom_hmset_sync and forms its write. KX_MOM_EINVAL, and
+// nothing to write, for a null record or one of an unknown table, a list that is null
+// or empty (a write names what it writes, for both kinds of table), a number the
 // message lacks, the index field, or a field of a kind the store cannot hold.
-int32_t encode_hash(const ProtobufCMessage *record, std::span<const int32_t> field_tags,
-                    std::vector<FieldText> *out);
+int32_t encode_write(const ProtobufCMessage *record, const int32_t *field_tag, int32_t field_len,
+                     Write *out);
 
 // One hash field as read.
 struct FieldValue {

@@ -242,11 +242,6 @@ void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
             cmd);
 }
 
-bool known_table(const ProtobufCMessage *msg)
-{
-    return msg && msg->descriptor && kx_mom_table(msg->descriptor->name) == msg->descriptor;
-}
-
 bool selects_glob(const ProtobufCMessage *key, std::string *match)
 {
     bool glob = selects_table(key) && index_field(key->descriptor);
@@ -329,7 +324,7 @@ kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
                                      const ProtobufCMessage *key)
 {
     int32_t code = 0;
-    kx::Database *d = kx::record_call(global, db, key, &code);
+    kx::Database *d = kx::hash_table(key) ? kx::record_call(global, db, key, &code) : nullptr;
     if (!d)
         return nullptr;
     std::string k = kx::record_key(key);
@@ -343,31 +338,21 @@ kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
 int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *record,
                           const int32_t *field_tag, int32_t field_len)
 {
-    if (!kx::known_table(record) || field_len < 0 || (field_len > 0 && !field_tag))
-        return KX_MOM_EINVAL;
-    std::vector<kx::FieldText> fields;
-    int32_t rc = kx::encode_hash(record, {field_tag, static_cast<size_t>(field_len)}, &fields);
+    kx::Write w;
+    int32_t rc = kx::encode_write(record, field_tag, field_len, &w);
     if (rc != 0)
         return rc;
     kx::Database *d = kx::up_database(global, db, &rc);
     if (!d)
         return rc;
-    std::string key = kx::record_key(record);
-    std::string packed;
-    kx::Command cmd;
-    if (kx::stored_whole(record->descriptor)) {
-        packed = kx::encode_whole(record); // the record is one value: all of it is written
-        cmd = {"SET", key, packed};
-    } else {
-        if (fields.empty())
-            return 0;
-        cmd = {"HSET", key};
-        for (const auto &f : fields) {
-            cmd.push_back(f.name);
-            cmd.push_back(f.text);
-        }
+    kx::Command cmd = {w.whole ? "SET" : "HSET", w.key};
+    if (w.whole)
+        cmd.push_back(w.value);
+    for (const auto &f : w.fields) {
+        cmd.push_back(f.name);
+        cmd.push_back(f.text);
     }
-    return kx::run_write(*d, key, cmd);
+    return kx::run_write(*d, w.key, cmd);
 }
 
 int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
