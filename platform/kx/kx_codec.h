@@ -11,9 +11,16 @@
 // text (int32 and enum in decimal, bool `true`/`false`, string and bytes raw).
 // The one whole-value table (p_libpub.cap_state) is its packed protobuf.
 //
-// Memory: every message the codec returns is allocated so that
-// protobuf_c_message_free_unpacked(msg, nullptr) (kx_mom_kx_obj_free) frees it;
-// every kx_mom_hash_res so that kx_mom_hash_res_free frees it.
+// Memory, for all of libkx: everything a decode allocates (records, their strings and
+// bytes, field-number arrays, hash results) comes from allocator(), so that a failure is
+// seen and reported: a decode that cannot allocate gives KX_MOM_ENOMEM (a hash result's
+// error_code, a read's code, or a logged line when a delivery has to be dropped), never
+// "no record" and never "bad value". hiredis reports a reply it cannot allocate as a
+// broken connection: the call fails and the database is reconnected. What C++ containers
+// allocate (keys, commands, field texts) is not checked:
+// std::bad_alloc is not caught and ends the process (std::terminate), as any failed
+// allocation in C++ code does. Every message the codec returns is freed by
+// kx_mom_kx_obj_free, every kx_mom_hash_res by kx_mom_hash_res_free.
 #ifndef KX_CODEC_H
 #define KX_CODEC_H
 
@@ -41,6 +48,10 @@ struct HashResFree {
     void operator()(kx_mom_hash_res *res) const { kx_mom_hash_res_free(res); }
 };
 using HashRes = std::unique_ptr<kx_mom_hash_res, HashResFree>;
+
+// Malloc and free unless a test replaces them to make allocations fail. protobuf-c
+// unpacks through it; every free of what the codec made goes through `free`.
+ProtobufCAllocator &allocator();
 
 // The field `f` of `msg`, const when `msg` is.
 template <typename T, typename M> auto &member(M *msg, const ProtobufCFieldDescriptor *f)
@@ -90,7 +101,7 @@ const ProtobufCMessageDescriptor *table_of_key(std::string_view key);
 // Parses `key` into a fresh record of `table` with only its index set (the
 // other fields at their defaults). A key of another table, a wrong number of
 // parts, a non-canonical or out-of-range integer, a bad escape or a NUL byte
-// gives nullptr and the reason in `*error`.
+// gives nullptr and the reason in `*error` (as does a failed allocation).
 ProtobufCMessage *parse_key(const ProtobufCMessageDescriptor *table, std::string_view key,
                             std::string *error);
 
@@ -100,7 +111,7 @@ std::string field_text(const ProtobufCMessage *msg, const ProtobufCFieldDescript
 
 // Sets field `f` (int32, enum, bool, string or bytes) of `msg` from its text as the
 // store holds it (bool also `1`/`0`); false, and the reason in `*why`, when `value`
-// does not fit the field's type.
+// does not fit the field's type or memory runs out.
 bool set_field(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::string_view value,
                const char **why);
 
@@ -136,30 +147,33 @@ struct FieldValue {
 // Decodes a hash read from `key` (a key of `table`) into a hash result: obj with
 // the index from the key and the fields present, field_tag their numbers in the
 // order given (unknown names, and a field named like the index, are ignored).
-// A key that does not parse or a value that does not fit its field gives
-// error_code KX_MOM_EPROTO, no obj, no field_tag, and `*error` names the key and
-// the field. Never nullptr.
+// A key that does not parse or a value that does not fit its field gives error_code
+// KX_MOM_EPROTO, no obj, no field_tag, and `*error` names the key and the field; an
+// allocation that fails gives KX_MOM_ENOMEM.
+// nullptr only when the result itself cannot be allocated.
 kx_mom_hash_res *decode_hash(int32_t db, std::string_view key,
                              const ProtobufCMessageDescriptor *table,
                              std::span<const FieldValue> fields, std::string *error);
 
 // A hash result with only db, key and error_code set (a missing record, a read
-// that failed).
+// that failed); nullptr when it cannot be allocated.
 kx_mom_hash_res *new_hash_res(int32_t db, std::string_view key, int32_t error_code);
 
 // The packed value of a whole-value record.
 std::string encode_whole(const ProtobufCMessage *record);
 
-// The record of `table` packed in `value`; nullptr and `*error` when it does
-// not unpack. An empty value is a record at its defaults.
-ProtobufCMessage *decode_whole(const ProtobufCMessageDescriptor *table, std::string_view key,
-                               std::string_view value, std::string *error);
+// Decodes the record of `table` packed in `value` into `*out`. 0; KX_MOM_EPROTO and
+// `*error` when the value does not unpack; KX_MOM_ENOMEM. An empty value is a record at
+// its defaults.
+int32_t decode_whole(const ProtobufCMessageDescriptor *table, std::string_view key,
+                     std::string_view value, Message *out, std::string *error);
 
 // `text` fit for a one-line message: printable ASCII as is, other bytes and `\`
 // as \xNN, cut after 64 bytes with "...".
 std::string printable(std::string_view text);
 
-// A fresh record of `table` with every field at its default.
+// A fresh record of `table` with every field at its default; nullptr when it cannot be
+// allocated.
 ProtobufCMessage *new_record(const ProtobufCMessageDescriptor *table);
 
 } // namespace kx

@@ -34,52 +34,59 @@ int32_t run_write(Database &d, const std::string &key, const Command &cmd)
     return rc == 0 && r->type == REDIS_REPLY_ERROR ? server_refused(d.db, key, r.get()) : rc;
 }
 
-// A hash result from an HGETALL reply; nullptr when the key does not exist.
+// The hash result from the read of a hash record: no obj and error_code 0 when the
+// record is missing; nullptr (logged) only when memory runs out for the result itself.
 kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
                                  const ProtobufCMessageDescriptor *table, const redisReply *r)
 {
     if (r->type == REDIS_REPLY_ERROR)
         return new_hash_res(db, key, server_refused(db, key, r));
+    std::string error = "key '" + printable(key) + "': the read gave an unexpected reply";
+    kx_mom_hash_res *res = nullptr;
     if (r->type != REDIS_REPLY_ARRAY || r->elements % 2 != 0) {
-        log("db %d: key '%s': HGETALL gave an unexpected reply", db, printable(key).c_str());
-        return new_hash_res(db, key, KX_MOM_EPROTO);
+        res = new_hash_res(db, key, KX_MOM_EPROTO);
+    } else if (r->elements == 0) {
+        res = new_hash_res(db, key, 0);
+    } else {
+        std::vector<FieldValue> fields;
+        for (size_t i = 0; i + 1 < r->elements; i += 2) {
+            const redisReply *name = r->element[i];
+            const redisReply *value = r->element[i + 1];
+            fields.push_back({{name->str, name->len}, {value->str, value->len}});
+        }
+        res = decode_hash(db, key, table, fields, &error);
     }
-    if (r->elements == 0)
-        return nullptr;
-    std::vector<FieldValue> fields;
-    for (size_t i = 0; i + 1 < r->elements; i += 2) {
-        const redisReply *name = r->element[i];
-        const redisReply *value = r->element[i + 1];
-        fields.push_back({{name->str, name->len}, {value->str, value->len}});
-    }
-    std::string error;
-    kx_mom_hash_res *res = decode_hash(db, key, table, fields, &error);
-    if (res && res->error_code != 0)
+    if (!res || res->error_code == KX_MOM_ENOMEM)
+        log("db %d: key '%s': out of memory", db, printable(key).c_str());
+    else if (res->error_code != 0)
         log("db %d: %s", db, error.c_str());
     return res;
 }
 
-// A record from a GET reply; nullptr with *code 0 when the key does not exist.
+// The record from the read of a whole value; nullptr with *code 0 when it is missing.
 ProtobufCMessage *whole_from_reply(int32_t db, const std::string &key,
                                    const ProtobufCMessageDescriptor *table, const redisReply *r,
                                    int32_t *code)
 {
     *code = 0;
-    if (r->type == REDIS_REPLY_NIL)
+    std::string error;
+    Message record;
+    switch (r->type) {
+    case REDIS_REPLY_NIL:
         return nullptr;
-    if (r->type == REDIS_REPLY_ERROR) {
+    case REDIS_REPLY_ERROR:
         *code = server_refused(db, key, r);
         return nullptr;
-    }
-    std::string error = "key '" + printable(key) + "': GET gave an unexpected reply";
-    ProtobufCMessage *record = r->type == REDIS_REPLY_STRING
-                                   ? decode_whole(table, key, {r->str, r->len}, &error)
-                                   : nullptr;
-    if (!record) {
-        log("db %d: %s", db, error.c_str());
+    case REDIS_REPLY_STRING:
+        *code = decode_whole(table, key, {r->str, r->len}, &record, &error);
+        break;
+    default:
         *code = KX_MOM_EPROTO;
+        error = "key '" + printable(key) + "': the read gave an unexpected reply";
     }
-    return record;
+    if (*code != 0)
+        log("db %d: %s", db, error.c_str());
+    return record.release();
 }
 
 // Notes for the scans delivering from `d` that a record was deleted.
@@ -265,7 +272,7 @@ Payload payload_from_reply(int32_t db, const std::string &key,
         p.cmd = p.record ? KX_MOM_CMD_SET : 0;
     } else {
         p.hash.reset(hash_from_reply(db, key, table, r));
-        p.cmd = p.hash ? hash_cmd : 0;
+        p.cmd = p.hash && (p.hash->obj || p.hash->error_code != 0) ? hash_cmd : 0;
     }
     return p;
 }
@@ -314,10 +321,8 @@ void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *k
     if (kx::stored_whole(key->descriptor))
         return kx::whole_from_reply(db, k, key->descriptor, r.get(), &code);
     kx::HashRes res(kx::hash_from_reply(db, k, key->descriptor, r.get()));
-    if (!res)
-        return nullptr;
-    code = res->error_code;
-    return std::exchange(res->obj, nullptr);
+    code = res ? res->error_code : KX_MOM_ENOMEM;
+    return res ? std::exchange(res->obj, nullptr) : nullptr;
 }
 
 kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
@@ -329,10 +334,9 @@ kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
         return nullptr;
     std::string k = kx::record_key(key);
     kx::Reply r;
-    if (kx::run_command(*d, {"HGETALL", k}, &r) != 0)
+    if (kx::run_command(*d, kx::read_command(key->descriptor, k), &r) != 0)
         return nullptr;
-    kx_mom_hash_res *res = kx::hash_from_reply(db, k, key->descriptor, r.get());
-    return res ? res : kx::new_hash_res(db, k, 0);
+    return kx::hash_from_reply(db, k, key->descriptor, r.get());
 }
 
 int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *record,

@@ -196,4 +196,35 @@ TEST(KxParity, SameCallsGiveSameResultsAndStoreTheSame)
         EXPECT_EQ(b.records(db), expected) << db;
 }
 
+// Every allocation of a read's decode failing in turn: the record, or out of memory (a
+// null hash result), never a missing record or a bad value.
+TEST(KxParity, ReadsThatCannotAllocateAreOutOfMemory)
+{
+    static int left;
+    struct Restore {
+        ProtobufCAllocator saved = kx::allocator();
+        ~Restore() { kx::allocator() = saved; }
+    } restore;
+    Backend b;
+    b.put(3, "p_libpub.cap_state", {{"value", "(\x01xx"}});
+    b.put(3, "p_libpub.cap_table|/u", {{"str_value", "s"}, {"pri", "3"}, {"junk", "1"}});
+    kx::Message table = record("p_libpub.cap_table|/u"), state = record("p_libpub.cap_state");
+    kx::allocator().alloc = [](void *, size_t size) { return left-- > 0 ? malloc(size) : nullptr; };
+    const std::string hash_read = "0 [str_value=s pri=3]";
+    const std::string whole_read = "0 p_libpub.cap_state ready=true";
+    std::string hash, whole;
+    for (int n = 0; n < 20; ++n) {
+        int32_t error = 7;
+        left = n;
+        hash = describe(kx::HashRes(kx_mom_hgetall_sync(b.g, 3, table.get())).get());
+        left = n;
+        kx::Message obj(
+            static_cast<ProtobufCMessage *>(kx_mom_get_sync(b.g, 3, state.get(), &error)));
+        whole = std::to_string(error) + " " + describe(obj.get());
+        EXPECT_TRUE(hash == "null" || hash == "-1005 no record" || hash == hash_read) << hash;
+        EXPECT_TRUE(whole == "-1005 no record" || whole == whole_read) << whole;
+    }
+    EXPECT_EQ(hash + "; " + whole, hash_read + "; " + whole_read);
+}
+
 } // namespace

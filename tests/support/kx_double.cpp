@@ -86,7 +86,7 @@ Fields *find(int32_t db, const std::string &key)
     return it == s.dbs[db].end() ? nullptr : &it->second;
 }
 
-// HGETALL now: a missing record has no obj.
+// HGETALL now: a missing record has no obj; nullptr when memory runs out.
 kx_mom_hash_res *read_hash(int32_t db, const std::string &key)
 {
     const Fields *record = find(db, key);
@@ -112,9 +112,9 @@ ProtobufCMessage *read_record(int32_t db, const std::string &key, int32_t *error
         return res ? static_cast<ProtobufCMessage *>(std::exchange(res->obj, nullptr)) : nullptr;
     }
     std::string why, packed = !record->empty() ? record->front().second : "";
-    ProtobufCMessage *obj = kx::decode_whole(kx::table_of_key(key), key, packed, &why);
-    *error = obj ? 0 : KX_MOM_EPROTO;
-    return obj;
+    kx::Message obj;
+    *error = kx::decode_whole(kx::table_of_key(key), key, packed, &obj, &why);
+    return obj.release();
 }
 
 // Nothing reaches a subscriber while its database is down: the subscriber connection is
@@ -134,7 +134,7 @@ void deliver_record(const Subscription &to, const std::string &key, bool deleted
         return;
     if (!deleted && !kx::stored_whole(kx::table_of_key(key))) {
         kx::HashRes res(read_hash(to.db, key));
-        return deliver(to, key, KX_MOM_CMD_HSET, res.get());
+        return res ? deliver(to, key, KX_MOM_CMD_HSET, res.get()) : void();
     }
     std::string why;
     int32_t error;
@@ -335,7 +335,7 @@ kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db, const Prot
         return nullptr;
     kx_mom_hash_res *res = f && f->how == Fail::Code ? kx::new_hash_res(db, kx::record_key(key), 0)
                                                     : read_hash(db, kx::record_key(key));
-    if (f)
+    if (f && res)
         res->error_code = f->rc;
     return res;
 }
