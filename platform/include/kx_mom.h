@@ -17,7 +17,7 @@
 enum {
     KX_MOM_ENOTCONN = -1001, // the database is down (or was never connected)
     KX_MOM_EIO = -1002,      // the connection failed during the call
-    KX_MOM_EPROTO = -1003,   // stored data or a reply that does not decode
+    KX_MOM_EPROTO = -1003,   // stored data that does not decode or is beyond its table's bound
     KX_MOM_EINVAL = -1004,   // a bad argument: null pointer, unknown db, bad field list
     KX_MOM_ENOMEM = -1005,   // a decode could not allocate (what is checked: kx_codec.h)
     KX_MOM_ESERVER = -1006,  // the server refused: WRONGTYPE, NOPERM, OOM...
@@ -100,8 +100,8 @@ int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key
 
 // Reads one record. A missing record gives nullptr and *error 0, so that nothing
 // is applied; a non-null result is freed with kx_mom_kx_obj_free whatever *error holds.
-// A stored value that does not decode gives KX_MOM_EPROTO; one that cannot be decoded
-// for want of memory KX_MOM_ENOMEM.
+// A stored value that does not decode, or is beyond the bound of its table, gives
+// KX_MOM_EPROTO; one that cannot be decoded for want of memory KX_MOM_ENOMEM.
 void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                       int32_t *error);
 // Reads one hash record. A missing record gives a result with no obj and

@@ -278,6 +278,23 @@ bool hash_table(const ProtobufCMessage *key)
     return known_table(key) && !stored_whole(key->descriptor);
 }
 
+ValueLimit value_limit(const ProtobufCMessageDescriptor *table)
+{
+    const ProtobufCFieldDescriptor *idx = index_field(table);
+    for (const auto &f : fields_of(table))
+        if (&f != idx && (f.type == PROTOBUF_C_TYPE_STRING || f.type == PROTOBUF_C_TYPE_BYTES))
+            return {64 * 1024, "65536"};
+    return {4 * 1024, "4096"};
+}
+
+std::string oversized(const ProtobufCMessageDescriptor *table, std::string_view key,
+                      long long size)
+{
+    return "key '" + printable(key) + "': " + std::to_string(size) +
+           " bytes stored, more than the " + std::string(value_limit(table).text) +
+           " a record of " + table->name + " may hold";
+}
+
 std::string record_key(const ProtobufCMessage *record)
 {
     const ProtobufCMessageDescriptor *table = record->descriptor;
@@ -445,6 +462,13 @@ int32_t decode_into(kx_mom_hash_res *res, std::string_view key,
 {
     if (!res->key)
         return no_memory(key, error);
+    size_t size = 0;
+    for (const FieldValue &fv : fields)
+        size += fv.name.size() + fv.value.size();
+    if (table && size > value_limit(table).bytes) {
+        *error = oversized(table, key, static_cast<long long>(size));
+        return KX_MOM_EPROTO;
+    }
     Message obj;
     if (int32_t rc = parse_key_into(table, key, &obj, error))
         return rc;
@@ -508,18 +532,34 @@ void *noting_alloc(void *failed, size_t size)
 
 void noting_free(void *, void *mem) { release(mem); }
 
+// A subscriber needs the fields it knows; protobuf-c keeps every other one it meets.
+void drop_unknown_fields(ProtobufCMessage *msg)
+{
+    for (unsigned i = 0; i < msg->n_unknown_fields; ++i)
+        release(msg->unknown_fields[i].data);
+    release(msg->unknown_fields);
+    msg->unknown_fields = nullptr;
+    msg->n_unknown_fields = 0;
+}
+
 } // namespace
 
 int32_t decode_whole(const ProtobufCMessageDescriptor *table, std::string_view key,
                      std::string_view value, Message *out, std::string *error)
 {
     out->reset();
+    if (value.size() > value_limit(table).bytes) {
+        *error = oversized(table, key, static_cast<long long>(value.size()));
+        return KX_MOM_EPROTO;
+    }
     bool failed = false;
     ProtobufCAllocator noting = {noting_alloc, noting_free, &failed};
     out->reset(protobuf_c_message_unpack(table, &noting, value.size(),
                                          reinterpret_cast<const uint8_t *>(value.data())));
-    if (*out)
+    if (*out) {
+        drop_unknown_fields(out->get());
         return 0;
+    }
     if (failed)
         return no_memory(key, error);
     *error = "key '" + printable(key) + "': the value does not unpack as " + table->name;

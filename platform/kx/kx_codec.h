@@ -11,13 +11,19 @@
 // text (int32 and enum in decimal, bool `true`/`false`, string and bytes raw).
 // The one whole-value table (p_libpub.cap_state) is its packed protobuf.
 //
+// Size: a stored record is bounded by its table (value_limit) and refused before it is
+// decoded, with KX_MOM_EPROTO and a message naming key and size. The records are a few
+// flags, numbers and short names; one oversized value, or a packed value full of fields
+// this schema does not know, must not take the memory of the card. Unknown fields of a
+// packed value are not kept.
+//
 // Memory, for all of libkx: everything a decode allocates (records, their strings and
 // bytes, field-number arrays, hash results) comes from allocator(), so that a failure is
 // seen and reported: a decode that cannot allocate gives KX_MOM_ENOMEM (a hash result's
 // error_code, a read's code, or a logged line when a delivery has to be dropped), never
 // "no record" and never "bad value". hiredis reports a reply it cannot allocate as a
 // broken connection: the call fails and the database is reconnected. What C++ containers
-// allocate (keys, commands, field texts) is not checked:
+// allocate (keys, commands, field texts, all small with the size bounds) is not checked:
 // std::bad_alloc is not caught and ends the process (std::terminate), as any failed
 // allocation in C++ code does. Every message the codec returns is freed by
 // kx_mom_kx_obj_free, every kx_mom_hash_res by kx_mom_hash_res_free.
@@ -73,6 +79,22 @@ bool known_table(const ProtobufCMessage *msg);
 // True for a key of a known table stored as a hash: what kx_mom_hgetall_sync reads (the
 // whole-value table has no hash fields to give, kx_mom_get_sync reads it).
 bool hash_table(const ProtobufCMessage *key);
+
+// The most a stored record of `table` may hold, in bytes (a hash: its field names and
+// values together; a whole value: its length), as a number and as decimal text. From the
+// schema: 4 KiB when every field is an int32, enum or bool (p_libpub.cap_state, the ready
+// and dependency records: a packed record is a few bytes, a hash well under 200); 64 KiB
+// when a field holds text or bytes (urls, capability strings, identity texts).
+struct ValueLimit {
+    size_t bytes;
+    std::string_view text;
+};
+ValueLimit value_limit(const ProtobufCMessageDescriptor *table);
+
+// The message of a record refused for its size: "key 'K': N bytes stored, more than
+// the L a record of T may hold".
+std::string oversized(const ProtobufCMessageDescriptor *table, std::string_view key,
+                      long long size);
 
 // The `index` field of a keyed table (a sub-message), or nullptr for a
 // single-record table.
@@ -147,9 +169,9 @@ struct FieldValue {
 // Decodes a hash read from `key` (a key of `table`) into a hash result: obj with
 // the index from the key and the fields present, field_tag their numbers in the
 // order given (unknown names, and a field named like the index, are ignored).
-// A key that does not parse or a value that does not fit its field gives error_code
-// KX_MOM_EPROTO, no obj, no field_tag, and `*error` names the key and the field; an
-// allocation that fails gives KX_MOM_ENOMEM.
+// A key that does not parse, fields beyond the table's size limit, or a value that
+// does not fit its field gives error_code KX_MOM_EPROTO, no obj, no field_tag, and
+// `*error` names the key and the field; an allocation that fails gives KX_MOM_ENOMEM.
 // nullptr only when the result itself cannot be allocated.
 kx_mom_hash_res *decode_hash(int32_t db, std::string_view key,
                              const ProtobufCMessageDescriptor *table,
@@ -162,8 +184,9 @@ kx_mom_hash_res *new_hash_res(int32_t db, std::string_view key, int32_t error_co
 // The packed value of a whole-value record.
 std::string encode_whole(const ProtobufCMessage *record);
 
-// Decodes the record of `table` packed in `value` into `*out`. 0; KX_MOM_EPROTO and
-// `*error` when the value does not unpack; KX_MOM_ENOMEM. An empty value is a record at
+// Decodes the record of `table` packed in `value` into `*out`, without the fields this
+// schema does not know. 0; KX_MOM_EPROTO and `*error` when the value is beyond the
+// table's size limit or does not unpack; KX_MOM_ENOMEM. An empty value is a record at
 // its defaults.
 int32_t decode_whole(const ProtobufCMessageDescriptor *table, std::string_view key,
                      std::string_view value, Message *out, std::string *error);

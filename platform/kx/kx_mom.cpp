@@ -34,6 +34,21 @@ int32_t run_write(Database &d, const std::string &key, const Command &cmd)
     return rc == 0 && r->type == REDIS_REPLY_ERROR ? server_refused(d.db, key, r.get()) : rc;
 }
 
+// A record is read by a script that checks its size on the server first, so that an
+// oversized value never crosses the connection and the read stays one round trip. It
+// gives the value (GET) or the hash's fields (HGETALL), nil or an empty array when the
+// record is missing, or the size when it is beyond the bound of the table (ARGV[1]).
+constexpr const char *kReadWhole = "#!lua flags=no-writes\n"
+                                   "local n = redis.call('STRLEN', KEYS[1])\n"
+                                   "if n > tonumber(ARGV[1]) then return n end\n"
+                                   "return redis.call('GET', KEYS[1])";
+constexpr const char *kReadHash = "#!lua flags=no-writes\n"
+                                  "local h = redis.call('HGETALL', KEYS[1])\n"
+                                  "local n = 0\n"
+                                  "for _, s in ipairs(h) do n = n + #s end\n"
+                                  "if n > tonumber(ARGV[1]) then return n end\n"
+                                  "return h";
+
 // The hash result from the read of a hash record: no obj and error_code 0 when the
 // record is missing; nullptr (logged) only when memory runs out for the result itself.
 kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
@@ -43,7 +58,10 @@ kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
         return new_hash_res(db, key, server_refused(db, key, r));
     std::string error = "key '" + printable(key) + "': the read gave an unexpected reply";
     kx_mom_hash_res *res = nullptr;
-    if (r->type != REDIS_REPLY_ARRAY || r->elements % 2 != 0) {
+    if (r->type == REDIS_REPLY_INTEGER) {
+        error = oversized(table, key, r->integer);
+        res = new_hash_res(db, key, KX_MOM_EPROTO);
+    } else if (r->type != REDIS_REPLY_ARRAY || r->elements % 2 != 0) {
         res = new_hash_res(db, key, KX_MOM_EPROTO);
     } else if (r->elements == 0) {
         res = new_hash_res(db, key, 0);
@@ -79,6 +97,10 @@ ProtobufCMessage *whole_from_reply(int32_t db, const std::string &key,
         return nullptr;
     case REDIS_REPLY_STRING:
         *code = decode_whole(table, key, {r->str, r->len}, &record, &error);
+        break;
+    case REDIS_REPLY_INTEGER:
+        *code = KX_MOM_EPROTO;
+        error = oversized(table, key, r->integer);
         break;
     default:
         *code = KX_MOM_EPROTO;
@@ -258,7 +280,8 @@ bool selects_glob(const ProtobufCMessage *key, std::string *match)
 
 Command read_command(const ProtobufCMessageDescriptor *table, const std::string &key)
 {
-    return {stored_whole(table) ? "GET" : "HGETALL", key};
+    return {"EVAL", stored_whole(table) ? kReadWhole : kReadHash, "1", key,
+            value_limit(table).text};
 }
 
 Payload payload_from_reply(int32_t db, const std::string &key,
