@@ -551,7 +551,10 @@ int main(int argc, char **argv)
             req.style = Style::json;
         else if (a != "-n")
             words.emplace_back(a);
-        else if (++i == argc || !kx::parse_int32(argv[i], &req.db) || req.db < 0)
+        else if (std::optional<int32_t> db = ++i < argc ? kx::parse_int32(argv[i]) : std::nullopt;
+                 db && *db >= 0)
+            req.db = *db;
+        else
             return usage_error("-n needs a database number");
     }
     if (words.empty())

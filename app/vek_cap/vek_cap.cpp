@@ -119,7 +119,7 @@ int32_t vek_cap_indep_init(void)
     VEK_CAP_INFO("enter");
     vek_cap_ssat_init(g_vek_cap_global, VEK_CAP_MODULE);
 
-    int fd = open(kx_root_path(VEK_CAP_HAM_FILE), O_RDWR | O_CLOEXEC);
+    int fd = open(kx_root_path(VEK_CAP_HAM_FILE).c_str(), O_RDWR | O_CLOEXEC);
     if (fd >= 0) {
         close(fd);
     } else if (int32_t rv = reg_process_exit_action(0, 2); rv != 0) {

@@ -23,7 +23,7 @@ constexpr size_t VEK_CAP_DBG_READ_MAX = 14;
 // level as it is.
 void vek_cap_read_dbg_level(void)
 {
-    int fd = open(kx_root_path(VEK_CAP_DBG_FILE), O_RDONLY | O_CLOEXEC);
+    int fd = open(kx_root_path(VEK_CAP_DBG_FILE).c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return;
     char buf[VEK_CAP_DBG_READ_MAX + 1] = {};

@@ -273,7 +273,7 @@ int vek_cap_chk_ready(vek_cap_dep_item *item, void *para)
 
 void vek_cap_collect_dep_event(void)
 {
-    std::unique_ptr<DIR, dir_close> pdir(opendir(kx_root_path(VEK_CAP_DEP_DIR)));
+    std::unique_ptr<DIR, dir_close> pdir(opendir(kx_root_path(VEK_CAP_DEP_DIR).c_str()));
     if (!pdir) {
         VEK_CAP_ERR("pdir NULL pointer, addr error!\n");
         return;

@@ -4,6 +4,8 @@
 #define KX_GLOBAL_H
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 typedef struct kx_global kx_global_t;
 
@@ -39,7 +41,6 @@ int32_t reg_process_exit_action(int32_t action, int32_t reason);
 int32_t kx_monotime(kx_timestamp_t *ts);
 
 // KX_ROOT followed by `path` (an absolute path); `path` alone when KX_ROOT is unset.
-// The result lives in thread-local storage until the next call on this thread.
-const char *kx_root_path(const char *path);
+std::string kx_root_path(std::string_view path);
 
 #endif

@@ -17,9 +17,9 @@
 enum {
     KX_MOM_ENOTCONN = -1001, // the database is down (or was never connected)
     KX_MOM_EIO = -1002,      // the connection failed during the call
-    KX_MOM_EPROTO = -1003,   // stored data or a reply that does not decode
+    KX_MOM_EPROTO = -1003,   // stored data that does not decode or is beyond its table's bound
     KX_MOM_EINVAL = -1004,   // a bad argument: null pointer, unknown db, bad field list
-    KX_MOM_ENOMEM = -1005,
+    KX_MOM_ENOMEM = -1005,   // a decode could not allocate (what is checked: kx_codec.h)
     KX_MOM_ESERVER = -1006,  // the server refused: WRONGTYPE, NOPERM, OOM...
     KX_MOM_ECONFIG = -1007,  // bad endpoint or server configuration
 };
@@ -100,15 +100,19 @@ int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key
 
 // Reads one record. A missing record gives nullptr and *error 0, so that nothing
 // is applied; a non-null result is freed with kx_mom_kx_obj_free whatever *error holds.
+// A stored value that does not decode, or is beyond the bound of its table, gives
+// KX_MOM_EPROTO; one that cannot be decoded for want of memory KX_MOM_ENOMEM.
 void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                       int32_t *error);
 // Reads one hash record. A missing record gives a result with no obj and
-// error_code 0; a lost connection gives nullptr.
+// error_code 0; a bad one error_code KX_MOM_EPROTO or KX_MOM_ENOMEM. A bad key
+// (also one of the whole-value table: kx_mom_get_sync reads it), a lost connection
+// or no memory for the result gives nullptr.
 kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
                                      const ProtobufCMessage *key);
 // Writes exactly the listed fields of the record its index selects (the
 // whole-value table is written whole). KX_MOM_EINVAL, and nothing written, for
-// a number the message lacks or the index field.
+// an empty or null list, a number the message lacks or the index field.
 int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *record,
                           const int32_t *field_tag, int32_t field_len);
 int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key);

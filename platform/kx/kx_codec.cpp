@@ -32,6 +32,26 @@ constexpr const ProtobufCMessageDescriptor *kTables[] = {
 static_assert(std::size(kTables) == std::size(kx_mom_table_homes) + 1,
               "every table has its database in kx_mom.h");
 
+void *plain_alloc(void *, size_t size) { return malloc(size); }
+void plain_free(void *, void *mem) { free(mem); }
+ProtobufCAllocator g_allocator = {plain_alloc, plain_free, nullptr};
+
+void *alloc(size_t size) { return g_allocator.alloc(g_allocator.allocator_data, size); }
+void release(void *mem) { g_allocator.free(g_allocator.allocator_data, mem); }
+
+// What set_field and parse_key say when an allocation fails: the decode's KX_MOM_ENOMEM.
+constexpr const char *kNoMemory = "out of memory";
+
+struct Release {
+    void operator()(void *mem) const { release(mem); }
+};
+
+int32_t no_memory(std::string_view key, std::string *error)
+{
+    *error = "key '" + printable(key) + "': " + kNoMemory;
+    return KX_MOM_ENOMEM;
+}
+
 std::span<const ProtobufCFieldDescriptor> fields_of(const ProtobufCMessageDescriptor *desc)
 {
     return {desc->fields, desc->n_fields};
@@ -53,7 +73,7 @@ bool storable(const ProtobufCFieldDescriptor *f)
 
 char *copy_string(std::string_view text)
 {
-    auto *s = static_cast<char *>(malloc(text.size() + 1));
+    auto *s = static_cast<char *>(alloc(text.size() + 1));
     if (!s)
         return nullptr;
     memcpy(s, text.data(), text.size());
@@ -69,7 +89,7 @@ bool set_string(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::s
     if (!fresh)
         return false;
     if (slot && slot != f->default_value)
-        free(slot);
+        release(slot);
     slot = fresh;
     return true;
 }
@@ -132,20 +152,6 @@ bool part_is_default(const ProtobufCMessage *index, const ProtobufCFieldDescript
 
 } // namespace
 
-// Canonical decimal int32: what std::to_string writes, nothing else ("007",
-// "-0", "+1", " 1" would name the same record under a second key).
-bool parse_int32(std::string_view text, int32_t *out)
-{
-    int32_t value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size() || text.empty())
-        return false;
-    if (std::to_string(value) != text)
-        return false;
-    *out = value;
-    return true;
-}
-
 std::string field_text(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f)
 {
     switch (f->type) {
@@ -180,17 +186,16 @@ bool set_field(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::st
     case PROTOBUF_C_TYPE_STRING:
         if (value.find('\0') != std::string_view::npos)
             return *why = "NUL byte in a string", false;
-        return set_string(msg, f, value) || (*why = "out of memory", false);
+        return set_string(msg, f, value) || (*why = kNoMemory, false);
     case PROTOBUF_C_TYPE_BYTES: {
         auto &b = member<ProtobufCBinaryData>(msg, f);
-        if (b.data)
-            free(b.data);
+        release(b.data);
         b = {0, nullptr};
         if (value.empty())
             return true;
-        b.data = static_cast<uint8_t *>(malloc(value.size()));
+        b.data = static_cast<uint8_t *>(alloc(value.size()));
         if (!b.data)
-            return *why = "out of memory", false;
+            return *why = kNoMemory, false;
         memcpy(b.data, value.data(), value.size());
         b.len = value.size();
         return true;
@@ -251,6 +256,47 @@ bool stored_whole(const ProtobufCMessageDescriptor *table)
     return table == &p_libpub__cap_state__descriptor;
 }
 
+ProtobufCAllocator &allocator() { return g_allocator; }
+
+// Keys must be canonical: "007", "-0", "+1" or " 1" would name the same record under a
+// second key.
+std::optional<int32_t> parse_int32(std::string_view text)
+{
+    int32_t value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size() || text.empty() ||
+        std::to_string(value) != text)
+        return std::nullopt;
+    return value;
+}
+
+bool known_table(const ProtobufCMessage *msg)
+{
+    return msg && msg->descriptor && kx_mom_table(msg->descriptor->name) == msg->descriptor;
+}
+
+bool hash_table(const ProtobufCMessage *key)
+{
+    return known_table(key) && !stored_whole(key->descriptor);
+}
+
+ValueLimit value_limit(const ProtobufCMessageDescriptor *table)
+{
+    const ProtobufCFieldDescriptor *idx = index_field(table);
+    for (const auto &f : fields_of(table))
+        if (&f != idx && (f.type == PROTOBUF_C_TYPE_STRING || f.type == PROTOBUF_C_TYPE_BYTES))
+            return {64 * 1024, "65536"};
+    return {4 * 1024, "4096"};
+}
+
+std::string oversized(const ProtobufCMessageDescriptor *table, std::string_view key,
+                      long long size)
+{
+    return "key '" + printable(key) + "': " + std::to_string(size) +
+           " bytes stored, more than the " + std::string(value_limit(table).text) +
+           " a record of " + table->name + " may hold";
+}
+
 std::string record_key(const ProtobufCMessage *record)
 {
     const ProtobufCMessageDescriptor *table = record->descriptor;
@@ -300,119 +346,140 @@ const ProtobufCMessageDescriptor *table_of_key(std::string_view key)
     return kx_mom_table(std::string(name).c_str());
 }
 
-ProtobufCMessage *parse_key(const ProtobufCMessageDescriptor *table, std::string_view key,
-                            std::string *error)
+namespace {
+
+// parse_key with the reason as a code: KX_MOM_EPROTO for a key that does not parse,
+// KX_MOM_ENOMEM.
+int32_t parse_key_into(const ProtobufCMessageDescriptor *table, std::string_view key, Message *out,
+                       std::string *error)
 {
-    if (!table) {
-        *error = key_error(key, "unknown table");
-        return nullptr;
-    }
+    auto fail = [&](const char *why) -> int32_t {
+        if (why == kNoMemory)
+            return no_memory(key, error);
+        *error = key_error(key, why);
+        return KX_MOM_EPROTO;
+    };
+    if (!table)
+        return fail("unknown table");
     std::string_view name = table->name;
-    if (key.substr(0, name.size()) != name || (key.size() > name.size() && key[name.size()] != '|')) {
-        *error = key_error(key, "not a key of this table");
-        return nullptr;
-    }
+    if (key.substr(0, name.size()) != name || (key.size() > name.size() && key[name.size()] != '|'))
+        return fail("not a key of this table");
     Message record(new_record(table));
-    if (!record) {
-        *error = "out of memory";
-        return nullptr;
-    }
+    if (!record)
+        return fail(kNoMemory);
     std::string_view rest = key.substr(name.size());
     const ProtobufCFieldDescriptor *idx = index_field(table);
     if (!idx) {
-        if (!rest.empty()) {
-            *error = key_error(key, "a single-record table has no index");
-            return nullptr;
-        }
-        return record.release();
+        if (!rest.empty())
+            return fail("a single-record table has no index");
+        *out = std::move(record);
+        return 0;
     }
     const auto *index_desc = static_cast<const ProtobufCMessageDescriptor *>(idx->descriptor);
     auto *index = new_record(index_desc);
-    if (!index) {
-        *error = "out of memory";
-        return nullptr;
-    }
+    if (!index)
+        return fail(kNoMemory);
     member<ProtobufCMessage *>(record.get(), idx) = index;
     std::string text;
     for (const auto &field : fields_of(index_desc)) {
         const ProtobufCFieldDescriptor *f = &field;
-        if (rest.empty() || rest[0] != '|') {
-            *error = key_error(key, "too few index parts");
-            return nullptr;
-        }
+        if (rest.empty() || rest[0] != '|')
+            return fail("too few index parts");
         rest.remove_prefix(1);
         std::string_view part = rest.substr(0, rest.find('|'));
         rest.remove_prefix(part.size());
-        if (f->type == PROTOBUF_C_TYPE_STRING) {
-            if (!unescape_key_part(part, &text)) {
-                *error = key_error(key, "bad escape in a string part");
-                return nullptr;
-            }
-            if (!set_string(index, f, text)) {
-                *error = "out of memory";
-                return nullptr;
-            }
-        } else if (!parse_int32(part, &member<int32_t>(index, f))) {
-            *error = key_error(key, "bad integer part");
-            return nullptr;
+        if (f->type != PROTOBUF_C_TYPE_STRING) {
+            std::optional<int32_t> n = parse_int32(part);
+            if (!n)
+                return fail("bad integer part");
+            member<int32_t>(index, f) = *n;
+        } else if (!unescape_key_part(part, &text)) {
+            return fail("bad escape in a string part");
+        } else if (!set_string(index, f, text)) {
+            return fail(kNoMemory);
         }
     }
-    if (!rest.empty()) {
-        *error = key_error(key, "too many index parts");
-        return nullptr;
-    }
+    if (!rest.empty())
+        return fail("too many index parts");
+    *out = std::move(record);
+    return 0;
+}
+
+} // namespace
+
+ProtobufCMessage *parse_key(const ProtobufCMessageDescriptor *table, std::string_view key,
+                            std::string *error)
+{
+    Message record;
+    parse_key_into(table, key, &record, error);
     return record.release();
 }
 
-int32_t encode_hash(const ProtobufCMessage *record, std::span<const int32_t> field_tags,
-                    std::vector<FieldText> *out)
+int32_t encode_write(const ProtobufCMessage *record, const int32_t *field_tag, int32_t field_len,
+                     Write *out)
 {
-    out->clear();
-    if (!record)
+    *out = Write{};
+    if (!known_table(record) || !field_tag || field_len <= 0)
         return KX_MOM_EINVAL;
     const ProtobufCFieldDescriptor *idx = index_field(record->descriptor);
-    for (int32_t tag : field_tags) {
+    for (int32_t tag : std::span(field_tag, static_cast<size_t>(field_len))) {
         const ProtobufCFieldDescriptor *f =
             tag > 0 ? protobuf_c_message_descriptor_get_field(record->descriptor,
                                                               static_cast<unsigned>(tag))
                     : nullptr;
         if (!f || f == idx || !storable(f)) {
-            out->clear();
+            out->fields.clear();
             return KX_MOM_EINVAL;
         }
-        out->push_back({f->name, field_text(record, f)});
+        out->fields.push_back({f->name, field_text(record, f)});
+    }
+    out->key = record_key(record);
+    out->whole = stored_whole(record->descriptor);
+    if (out->whole) {
+        out->fields.clear();
+        out->value = encode_whole(record);
     }
     return 0;
 }
 
 kx_mom_hash_res *new_hash_res(int32_t db, std::string_view key, int32_t error_code)
 {
-    auto *res = static_cast<kx_mom_hash_res *>(calloc(1, sizeof(kx_mom_hash_res)));
+    auto *res = static_cast<kx_mom_hash_res *>(alloc(sizeof(kx_mom_hash_res)));
     if (!res)
         return nullptr;
+    *res = {};
     res->db = db;
     res->key = copy_string(key);
-    res->error_code = error_code;
+    res->error_code = res->key ? error_code : KX_MOM_ENOMEM;
     return res;
 }
 
-kx_mom_hash_res *decode_hash(int32_t db, std::string_view key,
-                             const ProtobufCMessageDescriptor *table,
-                             std::span<const FieldValue> fields, std::string *error)
+namespace {
+
+// Sets obj and field_tag of `res` from the hash `fields` read under `key`; 0, or
+// KX_MOM_EPROTO or KX_MOM_ENOMEM with `res` left without them.
+int32_t decode_into(kx_mom_hash_res *res, std::string_view key,
+                    const ProtobufCMessageDescriptor *table, std::span<const FieldValue> fields,
+                    std::string *error)
 {
-    HashRes res(new_hash_res(db, key, KX_MOM_EPROTO));
-    if (!res)
-        return nullptr;
-    Message obj(parse_key(table, key, error));
-    if (!obj)
-        return res.release();
-    const ProtobufCFieldDescriptor *idx = index_field(table);
-    auto *tags = static_cast<int32_t *>(malloc(sizeof(int32_t) * (fields.size() + 1)));
-    if (!tags) {
-        *error = "out of memory";
-        return res.release();
+    if (!res->key)
+        return no_memory(key, error);
+    size_t size = 0;
+    for (const FieldValue &fv : fields)
+        size += fv.name.size() + fv.value.size();
+    if (table && size > value_limit(table).bytes) {
+        *error = oversized(table, key, static_cast<long long>(size));
+        return KX_MOM_EPROTO;
     }
+    Message obj;
+    if (int32_t rc = parse_key_into(table, key, &obj, error))
+        return rc;
+    std::unique_ptr<int32_t, Release> tags(
+        static_cast<int32_t *>(alloc(sizeof(int32_t) * (fields.size() + 1))));
+    if (!tags)
+        return no_memory(key, error);
     int32_t count = 0;
+    const ProtobufCFieldDescriptor *idx = index_field(table);
     for (const FieldValue &fv : fields) {
         const ProtobufCFieldDescriptor *f =
             protobuf_c_message_descriptor_get_field_by_name(table, std::string(fv.name).c_str());
@@ -420,17 +487,29 @@ kx_mom_hash_res *decode_hash(int32_t db, std::string_view key,
             continue;
         const char *why = "";
         if (!set_field(obj.get(), f, fv.value, &why)) {
+            if (why == kNoMemory)
+                return no_memory(key, error);
             *error = "key '" + printable(key) + "' field '" + f->name + "': " + why + " ('" +
                      printable(fv.value) + "')";
-            free(tags);
-            return res.release();
+            return KX_MOM_EPROTO;
         }
-        tags[count++] = static_cast<int32_t>(f->id);
+        tags.get()[count++] = static_cast<int32_t>(f->id);
     }
     res->obj = obj.release();
-    res->field_tag = tags;
+    res->field_tag = tags.release();
     res->field_len = count;
-    res->error_code = 0;
+    return 0;
+}
+
+} // namespace
+
+kx_mom_hash_res *decode_hash(int32_t db, std::string_view key,
+                             const ProtobufCMessageDescriptor *table,
+                             std::span<const FieldValue> fields, std::string *error)
+{
+    HashRes res(new_hash_res(db, key, 0));
+    if (res)
+        res->error_code = decode_into(res.get(), key, table, fields, error);
     return res.release();
 }
 
@@ -441,19 +520,57 @@ std::string encode_whole(const ProtobufCMessage *record)
     return out;
 }
 
-ProtobufCMessage *decode_whole(const ProtobufCMessageDescriptor *table, std::string_view key,
-                               std::string_view value, std::string *error)
+namespace {
+
+// protobuf-c says only "no message" when an unpack fails: the allocator it unpacks
+// through notes whether memory ran out.
+void *noting_alloc(void *failed, size_t size)
 {
-    ProtobufCMessage *msg = protobuf_c_message_unpack(
-        table, nullptr, value.size(), reinterpret_cast<const uint8_t *>(value.data()));
-    if (!msg)
-        *error = "key '" + printable(key) + "': the value does not unpack as " + table->name;
-    return msg;
+    void *mem = alloc(size);
+    if (!mem)
+        *static_cast<bool *>(failed) = true;
+    return mem;
+}
+
+void noting_free(void *, void *mem) { release(mem); }
+
+// A subscriber needs the fields it knows; protobuf-c keeps every other one it meets.
+void drop_unknown_fields(ProtobufCMessage *msg)
+{
+    for (unsigned i = 0; i < msg->n_unknown_fields; ++i)
+        release(msg->unknown_fields[i].data);
+    release(msg->unknown_fields);
+    msg->unknown_fields = nullptr;
+    msg->n_unknown_fields = 0;
+}
+
+} // namespace
+
+int32_t decode_whole(const ProtobufCMessageDescriptor *table, std::string_view key,
+                     std::string_view value, Message *out, std::string *error)
+{
+    out->reset();
+    if (value.size() > value_limit(table).bytes) {
+        *error = oversized(table, key, static_cast<long long>(value.size()));
+        return KX_MOM_EPROTO;
+    }
+    bool failed = false;
+    ProtobufCAllocator noting = {noting_alloc, noting_free, &failed};
+    out->reset(protobuf_c_message_unpack(table, &noting, value.size(),
+                                         reinterpret_cast<const uint8_t *>(value.data())));
+    if (*out) {
+        drop_unknown_fields(out->get());
+        return 0;
+    }
+    if (failed)
+        return no_memory(key, error);
+    *error = "key '" + printable(key) + "': the value does not unpack as " + table->name;
+    return KX_MOM_EPROTO;
 }
 
 ProtobufCMessage *new_record(const ProtobufCMessageDescriptor *table)
 {
-    void *mem = malloc(table->sizeof_message);
+    void *mem = alloc(table->sizeof_message);
     if (!mem)
         return nullptr;
     protobuf_c_message_init(table, mem);
@@ -467,15 +584,15 @@ void kx_mom_hash_res_free(kx_mom_hash_res *res)
     if (!res)
         return;
     kx_mom_kx_obj_free(res->obj);
-    free(res->field_tag);
-    free(const_cast<char *>(res->key));
-    free(res);
+    kx::release(res->field_tag);
+    kx::release(const_cast<char *>(res->key));
+    kx::release(res);
 }
 
 void kx_mom_kx_obj_free(void *obj)
 {
     if (obj)
-        protobuf_c_message_free_unpacked(static_cast<ProtobufCMessage *>(obj), nullptr);
+        protobuf_c_message_free_unpacked(static_cast<ProtobufCMessage *>(obj), &kx::allocator());
 }
 
 const ProtobufCMessageDescriptor *kx_mom_table(const char *name)

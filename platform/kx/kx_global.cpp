@@ -109,13 +109,10 @@ bool kx::write_all(int fd, std::string_view data)
     return true;
 }
 
-const char *kx_root_path(const char *path)
+std::string kx_root_path(std::string_view path)
 {
-    thread_local std::string joined;
     const char *root = getenv("KX_ROOT");
-    joined = root ? root : "";
-    joined += path;
-    return joined.c_str();
+    return (root ? root : "") + std::string(path);
 }
 
 kx_global_t *kx_global_init(const char *module, kx_global_t *global)

@@ -34,52 +34,81 @@ int32_t run_write(Database &d, const std::string &key, const Command &cmd)
     return rc == 0 && r->type == REDIS_REPLY_ERROR ? server_refused(d.db, key, r.get()) : rc;
 }
 
-// A hash result from an HGETALL reply; nullptr when the key does not exist.
+// A record is read by a script that checks its size on the server first, so that an
+// oversized value never crosses the connection and the read stays one round trip. It
+// gives the value (GET) or the hash's fields (HGETALL), nil or an empty array when the
+// record is missing, or the size when it is beyond the bound of the table (ARGV[1]).
+constexpr const char *kReadWhole = "#!lua flags=no-writes\n"
+                                   "local n = redis.call('STRLEN', KEYS[1])\n"
+                                   "if n > tonumber(ARGV[1]) then return n end\n"
+                                   "return redis.call('GET', KEYS[1])";
+constexpr const char *kReadHash = "#!lua flags=no-writes\n"
+                                  "local h = redis.call('HGETALL', KEYS[1])\n"
+                                  "local n = 0\n"
+                                  "for _, s in ipairs(h) do n = n + #s end\n"
+                                  "if n > tonumber(ARGV[1]) then return n end\n"
+                                  "return h";
+
+// The hash result from the read of a hash record: no obj and error_code 0 when the
+// record is missing; nullptr (logged) only when memory runs out for the result itself.
 kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
                                  const ProtobufCMessageDescriptor *table, const redisReply *r)
 {
     if (r->type == REDIS_REPLY_ERROR)
         return new_hash_res(db, key, server_refused(db, key, r));
-    if (r->type != REDIS_REPLY_ARRAY || r->elements % 2 != 0) {
-        log("db %d: key '%s': HGETALL gave an unexpected reply", db, printable(key).c_str());
-        return new_hash_res(db, key, KX_MOM_EPROTO);
+    std::string error = "key '" + printable(key) + "': the read gave an unexpected reply";
+    kx_mom_hash_res *res = nullptr;
+    if (r->type == REDIS_REPLY_INTEGER) {
+        error = oversized(table, key, r->integer);
+        res = new_hash_res(db, key, KX_MOM_EPROTO);
+    } else if (r->type != REDIS_REPLY_ARRAY || r->elements % 2 != 0) {
+        res = new_hash_res(db, key, KX_MOM_EPROTO);
+    } else if (r->elements == 0) {
+        res = new_hash_res(db, key, 0);
+    } else {
+        std::vector<FieldValue> fields;
+        for (size_t i = 0; i + 1 < r->elements; i += 2) {
+            const redisReply *name = r->element[i];
+            const redisReply *value = r->element[i + 1];
+            fields.push_back({{name->str, name->len}, {value->str, value->len}});
+        }
+        res = decode_hash(db, key, table, fields, &error);
     }
-    if (r->elements == 0)
-        return nullptr;
-    std::vector<FieldValue> fields;
-    for (size_t i = 0; i + 1 < r->elements; i += 2) {
-        const redisReply *name = r->element[i];
-        const redisReply *value = r->element[i + 1];
-        fields.push_back({{name->str, name->len}, {value->str, value->len}});
-    }
-    std::string error;
-    kx_mom_hash_res *res = decode_hash(db, key, table, fields, &error);
-    if (res && res->error_code != 0)
+    if (!res || res->error_code == KX_MOM_ENOMEM)
+        log("db %d: key '%s': out of memory", db, printable(key).c_str());
+    else if (res->error_code != 0)
         log("db %d: %s", db, error.c_str());
     return res;
 }
 
-// A record from a GET reply; nullptr with *code 0 when the key does not exist.
+// The record from the read of a whole value; nullptr with *code 0 when it is missing.
 ProtobufCMessage *whole_from_reply(int32_t db, const std::string &key,
                                    const ProtobufCMessageDescriptor *table, const redisReply *r,
                                    int32_t *code)
 {
     *code = 0;
-    if (r->type == REDIS_REPLY_NIL)
+    std::string error;
+    Message record;
+    switch (r->type) {
+    case REDIS_REPLY_NIL:
         return nullptr;
-    if (r->type == REDIS_REPLY_ERROR) {
+    case REDIS_REPLY_ERROR:
         *code = server_refused(db, key, r);
         return nullptr;
-    }
-    std::string error = "key '" + printable(key) + "': GET gave an unexpected reply";
-    ProtobufCMessage *record = r->type == REDIS_REPLY_STRING
-                                   ? decode_whole(table, key, {r->str, r->len}, &error)
-                                   : nullptr;
-    if (!record) {
-        log("db %d: %s", db, error.c_str());
+    case REDIS_REPLY_STRING:
+        *code = decode_whole(table, key, {r->str, r->len}, &record, &error);
+        break;
+    case REDIS_REPLY_INTEGER:
         *code = KX_MOM_EPROTO;
+        error = oversized(table, key, r->integer);
+        break;
+    default:
+        *code = KX_MOM_EPROTO;
+        error = "key '" + printable(key) + "': the read gave an unexpected reply";
     }
-    return record;
+    if (*code != 0)
+        log("db %d: %s", db, error.c_str());
+    return record.release();
 }
 
 // Notes for the scans delivering from `d` that a record was deleted.
@@ -242,11 +271,6 @@ void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
             cmd);
 }
 
-bool known_table(const ProtobufCMessage *msg)
-{
-    return msg && msg->descriptor && kx_mom_table(msg->descriptor->name) == msg->descriptor;
-}
-
 bool selects_glob(const ProtobufCMessage *key, std::string *match)
 {
     bool glob = selects_table(key) && index_field(key->descriptor);
@@ -256,7 +280,8 @@ bool selects_glob(const ProtobufCMessage *key, std::string *match)
 
 Command read_command(const ProtobufCMessageDescriptor *table, const std::string &key)
 {
-    return {stored_whole(table) ? "GET" : "HGETALL", key};
+    return {"EVAL", stored_whole(table) ? kReadWhole : kReadHash, "1", key,
+            value_limit(table).text};
 }
 
 Payload payload_from_reply(int32_t db, const std::string &key,
@@ -270,7 +295,7 @@ Payload payload_from_reply(int32_t db, const std::string &key,
         p.cmd = p.record ? KX_MOM_CMD_SET : 0;
     } else {
         p.hash.reset(hash_from_reply(db, key, table, r));
-        p.cmd = p.hash ? hash_cmd : 0;
+        p.cmd = p.hash && (p.hash->obj || p.hash->error_code != 0) ? hash_cmd : 0;
     }
     return p;
 }
@@ -319,55 +344,42 @@ void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *k
     if (kx::stored_whole(key->descriptor))
         return kx::whole_from_reply(db, k, key->descriptor, r.get(), &code);
     kx::HashRes res(kx::hash_from_reply(db, k, key->descriptor, r.get()));
-    if (!res)
-        return nullptr;
-    code = res->error_code;
-    return std::exchange(res->obj, nullptr);
+    code = res ? res->error_code : KX_MOM_ENOMEM;
+    return res ? std::exchange(res->obj, nullptr) : nullptr;
 }
 
 kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
                                      const ProtobufCMessage *key)
 {
     int32_t code = 0;
-    kx::Database *d = kx::record_call(global, db, key, &code);
+    kx::Database *d = kx::hash_table(key) ? kx::record_call(global, db, key, &code) : nullptr;
     if (!d)
         return nullptr;
     std::string k = kx::record_key(key);
     kx::Reply r;
-    if (kx::run_command(*d, {"HGETALL", k}, &r) != 0)
+    if (kx::run_command(*d, kx::read_command(key->descriptor, k), &r) != 0)
         return nullptr;
-    kx_mom_hash_res *res = kx::hash_from_reply(db, k, key->descriptor, r.get());
-    return res ? res : kx::new_hash_res(db, k, 0);
+    return kx::hash_from_reply(db, k, key->descriptor, r.get());
 }
 
 int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *record,
                           const int32_t *field_tag, int32_t field_len)
 {
-    if (!kx::known_table(record) || field_len < 0 || (field_len > 0 && !field_tag))
-        return KX_MOM_EINVAL;
-    std::vector<kx::FieldText> fields;
-    int32_t rc = kx::encode_hash(record, {field_tag, static_cast<size_t>(field_len)}, &fields);
+    kx::Write w;
+    int32_t rc = kx::encode_write(record, field_tag, field_len, &w);
     if (rc != 0)
         return rc;
     kx::Database *d = kx::up_database(global, db, &rc);
     if (!d)
         return rc;
-    std::string key = kx::record_key(record);
-    std::string packed;
-    kx::Command cmd;
-    if (kx::stored_whole(record->descriptor)) {
-        packed = kx::encode_whole(record); // the record is one value: all of it is written
-        cmd = {"SET", key, packed};
-    } else {
-        if (fields.empty())
-            return 0;
-        cmd = {"HSET", key};
-        for (const auto &f : fields) {
-            cmd.push_back(f.name);
-            cmd.push_back(f.text);
-        }
+    kx::Command cmd = {w.whole ? "SET" : "HSET", w.key};
+    if (w.whole)
+        cmd.push_back(w.value);
+    for (const auto &f : w.fields) {
+        cmd.push_back(f.name);
+        cmd.push_back(f.text);
     }
-    return kx::run_write(*d, key, cmd);
+    return kx::run_write(*d, w.key, cmd);
 }
 
 int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)

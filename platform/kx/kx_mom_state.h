@@ -148,13 +148,11 @@ void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
              const ProtobufCMessageDescriptor *table, int32_t cmd, void *data, const char *key,
              int32_t scan_over);
 
-// True for a key message of a table libkx knows.
-bool known_table(const ProtobufCMessage *msg);
 // What a selection follows: the table's glob (true) or one record's key (false).
 // A single-record table has one key: it is followed like one record.
 bool selects_glob(const ProtobufCMessage *key, std::string *match);
 
-// The command reading record `key` of `table` now (GET or HGETALL).
+// The command reading record `key` of `table` now (GET or HGETALL, bounded).
 Command read_command(const ProtobufCMessageDescriptor *table, const std::string &key);
 
 // A record read now, as delivered: the decoded record with KX_MOM_CMD_SET for

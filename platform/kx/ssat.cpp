@@ -229,9 +229,11 @@ void execute(std::string_view module, std::string_view line, evbuffer *out)
                                         " bytes");
         args.word = word.c_str();
     }
-    if (format.arity > 0 && !kx::parse_int32(words->back(), &args.num))
+    std::optional<int32_t> num = format.arity > 0 ? kx::parse_int32(words->back()) : 0;
+    if (!num)
         return reply_error(out,
                            usage + "'" + std::string(words->back()) + "', not a 32-bit integer");
+    args.num = *num;
     if (command->fn)
         run_handler(*command, args, out);
     else

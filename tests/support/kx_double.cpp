@@ -48,9 +48,10 @@ const Fault *called(const std::string &line)
 
 int32_t code_of(const Fault *f) { return f ? f->rc : 0; }
 
-bool valid(kx_global_t *global, const ProtobufCMessage *key)
+// The checks libkx makes before a call reaches its database.
+bool valid(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
 {
-    return global == &s.global && key && kx_mom_table(key->descriptor->name) == key->descriptor;
+    return global == &s.global && db >= 0 && kx::known_table(key);
 }
 
 std::string selection(const ProtobufCMessage *key)
@@ -66,7 +67,8 @@ bool selects(std::string_view selection, std::string_view key)
 
 std::string line(const char *name, int32_t db, const ProtobufCMessage *key, bool select)
 {
-    std::string where = !valid(&s.global, key) ? "" : " " + (select ? selection(key) : kx::record_key(key));
+    std::string where =
+        !kx::known_table(key) ? "" : " " + (select ? selection(key) : kx::record_key(key));
     return name + (" " + std::to_string(db)) + where;
 }
 
@@ -84,7 +86,7 @@ Fields *find(int32_t db, const std::string &key)
     return it == s.dbs[db].end() ? nullptr : &it->second;
 }
 
-// HGETALL now: a missing record has no obj.
+// HGETALL now: a missing record has no obj; nullptr when memory runs out.
 kx_mom_hash_res *read_hash(int32_t db, const std::string &key)
 {
     const Fields *record = find(db, key);
@@ -97,17 +99,22 @@ kx_mom_hash_res *read_hash(int32_t db, const std::string &key)
     return kx::decode_hash(db, key, kx::table_of_key(key), fields, &why);
 }
 
-// GET now: a missing record is no object and no error.
-ProtobufCMessage *read_whole(int32_t db, const std::string &key, int32_t *error)
+// GET now (HGETALL for a hash table): a missing record is no object and no error.
+ProtobufCMessage *read_record(int32_t db, const std::string &key, int32_t *error)
 {
     const Fields *record = find(db, key);
     *error = 0;
     if (!record)
         return nullptr;
+    if (!kx::stored_whole(kx::table_of_key(key))) {
+        kx::HashRes res(read_hash(db, key));
+        *error = res ? res->error_code : KX_MOM_ENOMEM;
+        return res ? static_cast<ProtobufCMessage *>(std::exchange(res->obj, nullptr)) : nullptr;
+    }
     std::string why, packed = !record->empty() ? record->front().second : "";
-    ProtobufCMessage *obj = kx::decode_whole(kx::table_of_key(key), key, packed, &why);
-    *error = obj ? 0 : KX_MOM_EPROTO;
-    return obj;
+    kx::Message obj;
+    *error = kx::decode_whole(kx::table_of_key(key), key, packed, &obj, &why);
+    return obj.release();
 }
 
 // Nothing reaches a subscriber while its database is down: the subscriber connection is
@@ -127,12 +134,12 @@ void deliver_record(const Subscription &to, const std::string &key, bool deleted
         return;
     if (!deleted && !kx::stored_whole(kx::table_of_key(key))) {
         kx::HashRes res(read_hash(to.db, key));
-        return deliver(to, key, KX_MOM_CMD_HSET, res.get());
+        return res ? deliver(to, key, KX_MOM_CMD_HSET, res.get()) : void();
     }
     std::string why;
     int32_t error;
     kx::Message rec(deleted ? kx::parse_key(kx::table_of_key(key), key, &why)
-                            : read_whole(to.db, key, &error));
+                            : read_record(to.db, key, &error));
     if (rec)
         deliver(to, key, deleted ? KX_MOM_CMD_DEL : KX_MOM_CMD_SET, rec.get());
 }
@@ -189,6 +196,7 @@ std::vector<std::string> contents(int32_t db)
 }
 
 const std::vector<Subscription> &subscriptions() { return s.subs; }
+const std::map<std::string, Fields> &records(int32_t db) { return s.dbs[db]; }
 
 void run()
 {
@@ -264,11 +272,7 @@ int32_t kx_monotime(kx_timestamp_t *ts)
     return 0;
 }
 
-const char *kx_root_path(const char *path)
-{
-    thread_local std::string joined;
-    return (joined = s.root + path).c_str();
-}
+std::string kx_root_path(std::string_view path) { return s.root + std::string(path); }
 
 int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db)
 {
@@ -293,7 +297,7 @@ int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db, kx_mom_r
 int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
                          kx_mom_cb cb, void *privdata)
 {
-    return status(line("kx_mom_subscribe", db, key, true), db, valid(global, key) && cb, [&] {
+    return status(line("kx_mom_subscribe", db, key, true), db, valid(global, db, key) && cb, [&] {
         Subscription sub{db, selection(key), cb, privdata};
         if (std::find(s.subs.begin(), s.subs.end(), sub) == s.subs.end())
             s.subs.push_back(sub);
@@ -305,14 +309,14 @@ int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage
 int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
                          kx_mom_cb cb, void *privdata)
 {
-    return status(line("kx_mom_scan_sync", db, key, true), db, valid(global, key) && cb,
+    return status(line("kx_mom_scan_sync", db, key, true), db, valid(global, db, key) && cb,
                   [&] { scan({db, selection(key), cb, privdata}); return 0; });
 }
 
 int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
                     kx_mom_cb cb, void *privdata)
 {
-    return status(line("kx_mom_scan", db, key, true), db, valid(global, key) && cb, [&] {
+    return status(line("kx_mom_scan", db, key, true), db, valid(global, db, key) && cb, [&] {
         Subscription sc{db, selection(key), cb, privdata};
         s.queue.push_back([sc] { scan(sc); deliver(sc, sc.selection, 0, nullptr, 1); });
         return 0;
@@ -321,25 +325,28 @@ int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key
 
 void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key, int32_t *error)
 {
+    int32_t ignored = 0;
+    int32_t &code = error ? *error : ignored;
     const Fault *f = called(line("kx_mom_get_sync", db, key, false));
     bool read = !f || f->how == Fail::WithObject;
-    *error = !valid(global, key) ? KX_MOM_EINVAL
-             : !read             ? (f->how == Fail::Code ? f->rc : 0)
-             : s.down.count(db)  ? KX_MOM_ENOTCONN : 0;
-    void *obj = *error || !read ? nullptr : read_whole(db, kx::record_key(key), error);
+    code = !valid(global, db, key) ? KX_MOM_EINVAL
+           : !read                 ? (f->how == Fail::Code ? f->rc : 0)
+           : s.down.count(db)      ? KX_MOM_ENOTCONN : 0;
+    void *obj = code || !read ? nullptr : read_record(db, kx::record_key(key), &code);
     if (obj && f)
-        *error = f->rc;
+        code = f->rc;
     return obj;
 }
 
 kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
 {
     const Fault *f = called(line("kx_mom_hgetall_sync", db, key, false));
-    if (!valid(global, key) || s.down.count(db) || (f && f->how == Fail::Null))
+    bool read = valid(global, db, key) && kx::hash_table(key) && !s.down.count(db);
+    if (!read || (f && f->how == Fail::Null))
         return nullptr;
     kx_mom_hash_res *res = f && f->how == Fail::Code ? kx::new_hash_res(db, kx::record_key(key), 0)
                                                     : read_hash(db, kx::record_key(key));
-    if (f)
+    if (f && res)
         res->error_code = f->rc;
     return res;
 }
@@ -351,24 +358,20 @@ int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessag
     std::string call = line("kx_mom_hmset_sync", db, record, false) + " [";
     for (const int32_t &tag : tags)
         call += std::to_string(tag) + (&tag == &tags.back() ? "" : ",");
-    return status(call + "]", db, valid(global, record), [&]() -> int32_t {
-        Fields fields = {{"value", kx::encode_whole(record)}};
-        if (!kx::stored_whole(record->descriptor)) {
-            std::vector<kx::FieldText> texts;
-            if (tags.empty() || kx::encode_hash(record, tags, &texts) != 0)
-                return KX_MOM_EINVAL;
-            fields.clear();
-            for (auto &text : texts)
-                fields.emplace_back(text.name, std::move(text.text));
-        }
-        put_raw(db, kx::record_key(record), fields, true);
+    kx::Write w;
+    bool ok = valid(global, db, record) && kx::encode_write(record, field_tag, field_len, &w) == 0;
+    return status(call + "]", db, ok, [&] {
+        Fields fields;
+        for (auto &f : w.fields)
+            fields.emplace_back(f.name, std::move(f.text));
+        put_raw(db, w.key, w.whole ? Fields{{"value", w.value}} : fields, true);
         return 0;
     });
 }
 
 int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
 {
-    return status(line("kx_mom_del_sync", db, key, false), db, valid(global, key),
+    return status(line("kx_mom_del_sync", db, key, false), db, valid(global, db, key),
                   [&] {
                       if (s.dbs[db].erase(kx::record_key(key)))
                           notify(db, kx::record_key(key), true);

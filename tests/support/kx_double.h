@@ -4,6 +4,9 @@
 // - The store keeps records per database as Redis would, through libkx's codec: keys like
 //   "s_frame.cap_dep|fib_mgr", hash fields in the order first written, the whole-value
 //   table packed. Subscriptions and scans select as libkx does ("table|*" or one key).
+// - Calls are checked, read and written as libkx does them (tests/parity holds the two to
+//   the same results and the same store contents); unlike libkx, every database is up
+//   without a connect.
 // - Every platform call is recorded in order as one line of text (trace()).
 // - Deliveries wait in a queue that kx_global_run (or run()) empties: cmd 29 after each
 //   subscribe, kx_mom_scan's records and its scan_over, the notifications of every write,
@@ -14,6 +17,7 @@
 #define KX_DOUBLE_H
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -39,6 +43,8 @@ void clear(); // forgets the calls and log records so far
 // the record as read at delivery: cmd 4 (hash) or 1 (whole value).
 using Fields = std::vector<std::pair<std::string, std::string>>;
 void put_raw(int32_t db, const std::string &key, const Fields &fields, bool notify = false);
+// Every record of `db` as stored, by key: its fields as put_raw takes them.
+const std::map<std::string, Fields> &records(int32_t db);
 
 // What `db` holds, one record a line in key order: "KEY name=value ..." with the hash
 // fields in the order first written (a whole value: its one field "value", packed).
