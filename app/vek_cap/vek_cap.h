@@ -71,6 +71,12 @@ struct vek_cap_dep_hash_t {
     vek_cap_dep_item **keys;
 };
 
+// The two state bits of bucket `i` in a registry flag array: 2 empty, 1 deleted, 0 live.
+inline uint32_t vek_cap_dep_bucket_state(const uint32_t *flags, uint32_t i)
+{
+    return (flags[i >> 4] >> ((i & 0xfU) << 1)) & 3U;
+}
+
 inline constexpr size_t VEK_CAP_DB_NUM = 3;
 
 extern kx_global_t *g_vek_cap_global;

@@ -31,7 +31,7 @@ constexpr double LOAD_LIMIT = 0.77;
 
 uint32_t flag_words(uint32_t n_buckets) { return n_buckets < 16 ? 1 : n_buckets >> 4; }
 uint32_t flag_shift(uint32_t i) { return (i & 0xfU) << 1; }
-uint32_t bucket_state(const uint32_t *flags, uint32_t i) { return (flags[i >> 4] >> flag_shift(i)) & 3U; }
+uint32_t bucket_state(const uint32_t *flags, uint32_t i) { return vek_cap_dep_bucket_state(flags, i); }
 bool is_empty(const uint32_t *flags, uint32_t i) { return (bucket_state(flags, i) & BUCKET_EMPTY) != 0; }
 bool is_deleted(const uint32_t *flags, uint32_t i) { return (bucket_state(flags, i) & BUCKET_DELETED) != 0; }
 bool is_live(const uint32_t *flags, uint32_t i) { return bucket_state(flags, i) == 0; }

@@ -19,7 +19,7 @@ inline void reset_daemon_state()
 {
     if (vek_cap_dep_hash_t *h = std::exchange(g_vek_cap_dep_hash, nullptr)) {
         for (uint32_t i = 0; i < h->n_buckets; ++i)
-            if (((h->flags[i >> 4] >> ((i & 0xfU) << 1)) & 3U) == 0)
+            if (vek_cap_dep_bucket_state(h->flags, i) == 0)
                 std::free(h->keys[i]);
         std::free(h->keys);
         std::free(h->flags);

@@ -13,7 +13,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <xxhash.h>
 
 #include "test_redis.h"
 #include "vek_cap_fixture.h"
@@ -33,7 +32,7 @@ Buckets layout() // bucket -> module of every live bucket (state bits 0)
 {
     Buckets out;
     for (uint32_t i = 0; i < g_vek_cap_dep_hash->n_buckets; ++i)
-        if (((g_vek_cap_dep_hash->flags[i / 16] >> (i % 16 * 2)) & 3) == 0)
+        if (vek_cap_dep_bucket_state(g_vek_cap_dep_hash->flags, i) == 0)
             out[i] = g_vek_cap_dep_hash->keys[i]->module;
     return out;
 }
@@ -67,7 +66,6 @@ struct DepRegistry : vek_cap_test::DaemonTest {
 // Home buckets in 4 and in 8 buckets: c 0, 4; a 1, 1; abc 3, 7; f -, 0; m0 2, 2; m1 2, 2; m3 3, 3.
 TEST_F(DepRegistry, BucketOrderAcrossARehashIsFixed)
 {
-    EXPECT_EQ(XXH32(item_of("abc").module, 64, 0), 0x01C1BBD7u);
     const std::pair<std::vector<std::string>, Buckets> cases[] = {
         {{"abc"}, {{3, "abc"}}},
         {{"c", "a", "abc", "f"}, {{0, "f"}, {1, "a"}, {4, "c"}, {7, "abc"}}},
