@@ -455,6 +455,11 @@ int32_t open_listener(Listener &l)
 
 } // namespace
 
+void kx::ssat_execute(std::string_view module, std::string_view line, evbuffer *out)
+{
+    execute(module, line, out);
+}
+
 // One listener per module served from this handle.
 struct kx::ssat_state {
     std::vector<std::unique_ptr<Listener>> listeners;
