@@ -5,6 +5,11 @@
 // during the callback. What kx_mom_get_sync and kx_mom_hgetall_sync return belongs
 // to the caller, who frees it with kx_mom_kx_obj_free / kx_mom_hash_res_free.
 // Key messages are read during the call only.
+//
+// Diagnostics (a bad record, a lost connection and why, a refusal, a callback's
+// negative result) are one line on stderr each, and a record of the unit
+// "platform/kx" in the log sink that the process made with kx_zlog_init, if any.
+// A password never appears in them.
 #ifndef KX_MOM_H
 #define KX_MOM_H
 
@@ -66,7 +71,7 @@ typedef int32_t (*kx_mom_reconnect_cb)(kx_global_t *global, int32_t db, int32_t 
 // from KX_MOM_ADDR_<db>, else KX_MOM_ADDR (unix:/path or tcp:HOST:PORT), else
 // tcp:127.0.0.1:6379; KX_MOM_USER and KX_MOM_PASSWORD authenticate. A bad value
 // or an unfit server gives KX_MOM_ECONFIG, an unreachable one KX_MOM_ENOTCONN,
-// each with one line on stderr. SIGPIPE left at its default is ignored from then
+// each with one line. SIGPIPE left at its default is ignored from then
 // on. After this, libkx alone keeps the database connected (see the callbacks).
 int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db);
 // A database whose connection breaks is down: its disconnect callback runs once

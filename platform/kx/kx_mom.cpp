@@ -21,8 +21,8 @@ constexpr size_t kReadBatch = 256;
 
 int32_t server_refused(int32_t db, const std::string &key, const redisReply *r)
 {
-    log("db %d: key '%s': the server refused: %.*s", db, printable(key).c_str(),
-        static_cast<int>(r->len), r->str);
+    KX_LOG(ERROR, "db %d: key '%s': the server refused: %.*s", db, printable(key).c_str(),
+           static_cast<int>(r->len), r->str);
     return KX_MOM_ESERVER;
 }
 
@@ -41,7 +41,8 @@ kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
     if (r->type == REDIS_REPLY_ERROR)
         return new_hash_res(db, key, server_refused(db, key, r));
     if (r->type != REDIS_REPLY_ARRAY || r->elements % 2 != 0) {
-        log("db %d: key '%s': HGETALL gave an unexpected reply", db, printable(key).c_str());
+        KX_LOG(ERROR, "db %d: key '%s': HGETALL gave an unexpected reply", db,
+               printable(key).c_str());
         return new_hash_res(db, key, KX_MOM_EPROTO);
     }
     if (r->elements == 0)
@@ -55,7 +56,7 @@ kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
     std::string error;
     kx_mom_hash_res *res = decode_hash(db, key, table, fields, &error);
     if (res && res->error_code != 0)
-        log("db %d: %s", db, error.c_str());
+        KX_LOG(WARN, "db %d: %s", db, error.c_str());
     return res;
 }
 
@@ -76,7 +77,7 @@ ProtobufCMessage *whole_from_reply(int32_t db, const std::string &key,
                                    ? decode_whole(table, key, {r->str, r->len}, &error)
                                    : nullptr;
     if (!record) {
-        log("db %d: %s", db, error.c_str());
+        KX_LOG(WARN, "db %d: %s", db, error.c_str());
         *code = KX_MOM_EPROTO;
     }
     return record;
@@ -111,7 +112,7 @@ int32_t list_step(Database &d, ScanWork &w)
         return server_refused(d.db, w.glob, r.get());
     if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
         r->element[0]->type != REDIS_REPLY_STRING || r->element[1]->type != REDIS_REPLY_ARRAY) {
-        log("db %d: SCAN %s: unexpected reply", d.db, printable(w.glob).c_str());
+        KX_LOG(ERROR, "db %d: SCAN %s: unexpected reply", d.db, printable(w.glob).c_str());
         return KX_MOM_EPROTO;
     }
     w.cursor.assign(r->element[0]->str, r->element[0]->len);
@@ -133,7 +134,7 @@ bool valid_key(const Database &d, const ScanWork &w, const std::string &key)
     std::string error;
     Message record(parse_key(w.table, key, &error));
     if (!record)
-        log("db %d: scan skips %s", d.db, error.c_str());
+        KX_LOG(WARN, "db %d: scan skips %s", d.db, error.c_str());
     return record != nullptr;
 }
 
@@ -211,7 +212,7 @@ void on_async_turn(evutil_socket_t, short, void *arg)
         return;
     }
     if (rc < 0)
-        log("db %d: scan of %s ended early: %d", w.db, printable(w.glob).c_str(), rc);
+        KX_LOG(WARN, "db %d: scan of %s ended early: %d", w.db, printable(w.glob).c_str(), rc);
     deliver(w.global, w.cb, w.privdata, w.db, w.table, 0, nullptr, w.glob.c_str(), 1);
     auto &scans = w.global->mom->async_scans;
     scans.remove_if([scan](const auto &s) { return s.get() == scan; });
@@ -238,8 +239,8 @@ void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
     kx_mom_msg msg{db, table, cmd, data, key, scan_over};
     int32_t rc = cb(global, &msg, privdata);
     if (rc < 0)
-        log("db %d: key '%s': callback returned %d for cmd %d", db, printable(key).c_str(), rc,
-            cmd);
+        KX_LOG(WARN, "db %d: key '%s': callback returned %d for cmd %d", db,
+               printable(key).c_str(), rc, cmd);
 }
 
 bool known_table(const ProtobufCMessage *msg)

@@ -30,6 +30,7 @@ constexpr int kNeededDatabases = 29;
 // Keyspace events on (K), for generic commands (g: del, rename, expire), hashes
 // (h), strings ($), expiry (x) and eviction (e).
 constexpr std::string_view kNeededNotify = "Kgh$xe";
+constexpr std::string_view kUnit = "platform/kx";
 
 struct Failure {
     int32_t code;
@@ -81,8 +82,8 @@ int32_t endpoint_for(int32_t db, Endpoint *ep)
         value = "tcp:127.0.0.1:6379";
     if (parse_endpoint(value, ep))
         return 0;
-    log("db %d: bad %s '%s': expected unix:/path/redis.sock or tcp:HOST:PORT", db, name.c_str(),
-        printable(value).c_str());
+    KX_LOG(ERROR, "db %d: bad %s '%s': expected unix:/path/redis.sock or tcp:HOST:PORT", db,
+           name.c_str(), printable(value).c_str());
     return KX_MOM_ECONFIG;
 }
 
@@ -287,8 +288,8 @@ void try_reconnect(Database &d)
         return;
     }
     int32_t type = d.run_id == previous ? KX_MOM_RECONNECT_SAME : KX_MOM_RECONNECT_RESTARTED;
-    log("db %d: reconnected to %s (%s)", d.db, d.endpoint.text.c_str(),
-        type == KX_MOM_RECONNECT_SAME ? "same server run" : "the server restarted");
+    KX_LOG(NOTICE, "db %d: reconnected to %s (%s)", d.db, d.endpoint.text.c_str(),
+           type == KX_MOM_RECONNECT_SAME ? "same server run" : "the server restarted");
     uint64_t epoch = d.epoch;
     if (d.on_reconnect)
         d.on_reconnect(d.global, d.db, type);
@@ -313,7 +314,7 @@ void on_timer(evutil_socket_t, short, void *arg)
 
 } // namespace
 
-void log(const char *fmt, ...)
+void log_at(int level, const char *func, int line, const char *fmt, ...)
 {
     char text[1024];
     va_list ap;
@@ -321,9 +322,11 @@ void log(const char *fmt, ...)
     vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
     // One write per line, so that lines of concurrent writers do not mix.
-    std::string line = std::string("kx_mom: ") + text + "\n";
-    fputs(line.c_str(), stderr);
+    std::string plain = std::string("kx_mom: ") + text + "\n";
+    fputs(plain.c_str(), stderr);
     fflush(stderr);
+    if (kx_zlog_category_t *sink = log_sink())
+        kxdf_zlog(sink, kUnit.data(), kUnit.size(), func, strlen(func), line, level, "%s", text);
 }
 
 Database *database(kx_global *global, int32_t db)
@@ -385,8 +388,10 @@ int32_t connect_database(Database &d)
     }
     if (!ok) {
         // A retry that keeps failing for the same reason is reported once.
-        if (d.link != Link::down || !d.retry_logged)
-            log("db %d: %s: %s", d.db, d.endpoint.text.c_str(), fail.why.c_str());
+        if (d.link != Link::down)
+            KX_LOG(ERROR, "db %d: %s: %s", d.db, d.endpoint.text.c_str(), fail.why.c_str());
+        else if (!d.retry_logged)
+            KX_LOG(WARN, "db %d: %s: %s", d.db, d.endpoint.text.c_str(), fail.why.c_str());
         d.retry_logged = d.link == Link::down;
         return fail.code;
     }
@@ -406,7 +411,7 @@ void mark_down(Database &d, const char *why)
 {
     if (d.link != Link::up)
         return;
-    log("db %d: connection to %s lost: %s", d.db, d.endpoint.text.c_str(), why);
+    KX_LOG(WARN, "db %d: connection to %s lost: %s", d.db, d.endpoint.text.c_str(), why);
     d.link = Link::down;
     ++d.epoch;
     d.cmd_watch.reset();

@@ -22,6 +22,7 @@
 #include "kx_codec.h"
 #include "kx_internal.h"
 #include "kx_mom.h"
+#include "kx_zlog.h"
 
 namespace kx {
 
@@ -38,8 +39,11 @@ struct EventFree {
 };
 using Event = std::unique_ptr<event, EventFree>;
 
-// One line on stderr, "kx_mom: " first: the log sink belongs to the daemon.
-void log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+// One diagnostic: a line on stderr ("kx_mom: " first), and a record of the unit
+// platform/kx in the process's log sink when it has made one (kx_zlog_init).
+void log_at(int level, const char *func, int line, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+#define KX_LOG(level, ...) ::kx::log_at(KX_ZLOG_LEVEL_##level, __func__, __LINE__, __VA_ARGS__)
 
 // Where a database lives (KX_MOM_ADDR_<db>, else KX_MOM_ADDR, else the default).
 struct Endpoint {

@@ -74,7 +74,7 @@ Payload read_payload(Database &d, const ProtobufCMessageDescriptor *table, const
     std::string error;
     Message from_key(parse_key(table, key, &error));
     if (!from_key) {
-        log("db %d: notification skipped: %s", d.db, error.c_str());
+        KX_LOG(WARN, "db %d: notification skipped: %s", d.db, error.c_str());
         return p;
     }
     if (action == Action::deleted) {

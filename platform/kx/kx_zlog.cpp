@@ -76,6 +76,7 @@ const Level *level_by_number(int number)
 // keeps them reachable for leak checkers.
 std::mutex registry_mutex;
 std::vector<std::unique_ptr<kx_zlog_category>> registry;
+kx_zlog_category *libkx_sink = nullptr; // see kx::log_sink
 
 struct Config {
     std::optional<std::string> output;
@@ -281,8 +282,16 @@ kx_zlog_category_t *kx_zlog_init(const char *module)
     if (!open_output(*cat, output, module))
         return nullptr;
     std::lock_guard lock(registry_mutex);
+    if (!libkx_sink && cat->output != kx_zlog_category::Output::stderr_stream)
+        libkx_sink = cat.get();
     registry.push_back(std::move(cat));
     return registry.back().get();
+}
+
+kx_zlog_category_t *kx::log_sink()
+{
+    std::lock_guard lock(registry_mutex);
+    return libkx_sink;
 }
 
 void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, const char *func,
