@@ -2,6 +2,17 @@
 // routes and the scans reading from it. Shared by kx_mom.cpp (the operations),
 // kx_mom_conn.cpp (connections, failure and reconnect) and kx_mom_sub.cpp
 // (subscriptions and notifications).
+//
+// Re-entrancy. libkx hands deliveries to callbacks in the middle of its own work
+// (dispatching a notification, delivering a scan batch, reading the subscriber
+// connection, finishing a reconnect), and a callback may make any call, one of
+// which may find the connection broken and drop it: mark_down frees both contexts
+// and their events. So code that holds a database's connection, its reply stream or
+// a batch read from it across anything that can run a callback or drop the
+// connection (deliver, a connection callback, run_command) notes `Database::epoch`
+// before and compares it after. Another value means that those connections are gone,
+// and perhaps new ones made: it stops there and touches nothing it held, leaving
+// the rest to the reconnect. Routes and ScanWork outlive connections and stay valid.
 #ifndef KX_MOM_STATE_H
 #define KX_MOM_STATE_H
 
