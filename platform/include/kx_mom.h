@@ -79,15 +79,20 @@ int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db);
 // reconnects on a timer. Then the reconnect callback gets KX_MOM_RECONNECT_SAME
 // or KX_MOM_RECONNECT_RESTARTED, the database's subscriptions are restored and
 // every subscription of every database is confirmed again with
-// KX_MOM_CMD_SUBSCRIBED. `flags` is unused: pass 0.
+// KX_MOM_CMD_SUBSCRIBED, once each (also one the reconnect callback subscribes
+// again). `flags` is unused: pass 0.
 int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db,
                                         kx_mom_disconnect_cb cb, uint32_t flags);
 int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db,
                                        kx_mom_reconnect_cb cb, uint32_t flags);
 
-// Follows one record (index set) or a whole table (index at its defaults).
-// `cb` receives KX_MOM_CMD_SUBSCRIBED from the loop once the server confirms,
-// also when the same db, key, cb and privdata subscribe again (no second route).
+// Follows one record (index set) or a whole table (index at its defaults). Returns
+// at once without I/O: 0 means the route is kept, and `cb` receives
+// KX_MOM_CMD_SUBSCRIBED from the loop once the server confirms it; for a database
+// that is down (or whose connection is breaking), once the database is back. The
+// same db, key, cb and privdata again add no second route; they are confirmed again,
+// unless a confirmation is still pending (then that one answers both).
+// KX_MOM_ENOTCONN for a database never connected, KX_MOM_EINVAL for bad arguments.
 // Changes come as the record is when read, not as it was written.
 int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                          uint32_t flags, kx_mom_cb cb, void *privdata);

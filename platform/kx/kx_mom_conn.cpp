@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 
 #include "kx_codec.h"
@@ -151,6 +152,18 @@ bool open_connection(const Endpoint &ep, Context *out, Failure *fail)
         *fail = {KX_MOM_ECONFIG, "AUTH refused by " + ep.text + ": " + reply_text(r.get())};
         return false;
     }
+    return true;
+}
+
+// Only the loop reads and writes the subscriber connection: it must never wait.
+bool make_nonblocking(redisContext *c, Failure *fail)
+{
+    int flags = fcntl(c->fd, F_GETFL);
+    if (flags < 0 || fcntl(c->fd, F_SETFL, flags | O_NONBLOCK) < 0) {
+        *fail = {KX_MOM_ENOTCONN, std::string("subscriber connection: ") + strerror(errno)};
+        return false;
+    }
+    c->flags &= ~REDIS_BLOCK;
     return true;
 }
 
@@ -375,14 +388,15 @@ int32_t connect_database(Database &d)
     bool ok = open_connection(d.endpoint, &cmd, &fail) && check_databases(cmd.get(), &fail) &&
               check_notifications(cmd.get(), &fail) && select_db(cmd.get(), d.db, &fail) &&
               read_run_id(cmd.get(), &run_id, &fail) &&
-              open_connection(d.endpoint, &sub, &fail);
-    Event cmd_watch, sub_read;
+              open_connection(d.endpoint, &sub, &fail) && make_nonblocking(sub.get(), &fail);
+    Event cmd_watch, sub_read, sub_write;
     if (ok) {
         cmd_watch.reset(event_new(d.global->base, cmd->fd, EV_READ | EV_PERSIST,
                                   on_command_readable, &d));
         sub_read.reset(event_new(d.global->base, sub->fd, EV_READ | EV_PERSIST,
                                  on_subscriber_readable, &d));
-        if (!cmd_watch || !sub_read || event_add(cmd_watch.get(), nullptr) != 0 ||
+        sub_write.reset(event_new(d.global->base, sub->fd, EV_WRITE, on_subscriber_writable, &d));
+        if (!cmd_watch || !sub_read || !sub_write || event_add(cmd_watch.get(), nullptr) != 0 ||
             event_add(sub_read.get(), nullptr) != 0)
             fail = {KX_MOM_ENOMEM, "cannot watch the connections"}, ok = false;
     }
@@ -399,6 +413,7 @@ int32_t connect_database(Database &d)
     d.sub = std::move(sub);
     d.cmd_watch = std::move(cmd_watch);
     d.sub_read = std::move(sub_read);
+    d.sub_write = std::move(sub_write);
     d.run_id = run_id;
     d.link = Link::up;
     d.retry_ms = kFirstRetryMs;
@@ -416,8 +431,12 @@ void mark_down(Database &d, const char *why)
     ++d.epoch;
     d.cmd_watch.reset();
     d.sub_read.reset();
+    d.sub_write.reset();
     d.cmd.reset();
     d.sub.reset();
+    // What was waiting for its confirmation is sent again after the reconnect.
+    for (Route *r : d.unconfirmed)
+        r->pending = false;
     d.unconfirmed.clear();
     d.disconnect_pending = true;
     arm(d, 0);

@@ -72,6 +72,7 @@ struct Route {
     std::string key;     // the record key or table glob, handed to the callback
     kx_mom_cb cb;
     void *privdata;
+    bool pending = false; // its (P)SUBSCRIBE is queued or sent, not yet answered
 };
 
 // A scan delivering records now; deletions made meanwhile through kx_mom_del_sync
@@ -100,9 +101,10 @@ struct Database {
     Link link = Link::never;
     uint64_t epoch = 0;       // changes whenever the connections are made or dropped
     Context cmd;              // synchronous commands
-    Context sub;              // subscriptions, read from the loop
+    Context sub;              // subscriptions: non-blocking, read and written by the loop
     Event cmd_watch;          // notices the command connection closing while idle
     Event sub_read;
+    Event sub_write;          // added while the subscriber connection has output queued
     Event timer;              // the disconnect callback, then connection retries
     bool disconnect_pending = false;
     bool retry_logged = false;
@@ -111,7 +113,7 @@ struct Database {
     kx_mom_disconnect_cb on_disconnect = nullptr;
     kx_mom_reconnect_cb on_reconnect = nullptr;
     std::vector<std::unique_ptr<Route>> routes; // never removed before release
-    std::deque<Route *> unconfirmed;            // sent (P)SUBSCRIBEs, in order
+    std::deque<Route *> unconfirmed;            // pending routes, in the order sent
     std::vector<ScanWork *> scans;              // scans delivering from this db now
 };
 
@@ -151,12 +153,15 @@ int append_command(redisContext *c, const Command &cmd);
 int32_t run_commands(Database &d, std::span<const Command> cmds, std::vector<Reply> *replies);
 int32_t run_command(Database &d, const Command &cmd, Reply *reply);
 
-// Sends (P)SUBSCRIBE for `route`; its confirmation brings cmd 29 from the loop.
-int32_t send_subscribe(Database &d, Route &route);
+// Queues (P)SUBSCRIBE for `route` unless it is pending already or the database is
+// down (the reconnect sends it); the loop writes it and delivers cmd 29 when the
+// server confirms. No I/O here: a broken connection shows in the loop.
+void send_subscribe(Database &d, Route &route);
 // After `d` came back: its routes again, then every route of every other db.
 void resubscribe_all(Database &d);
-// Reads the subscriber connection (the loop calls this when it is readable).
+// The loop's handlers of the subscriber connection.
 void on_subscriber_readable(evutil_socket_t fd, short what, void *arg);
+void on_subscriber_writable(evutil_socket_t fd, short what, void *arg);
 
 // Hands one delivery to a callback, logging a negative result.
 void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,

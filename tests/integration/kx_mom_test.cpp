@@ -1,7 +1,7 @@
 // kx_mom against real redis-servers (db 3 on a card-local one, db 28 on a global
 // one): records as stored and read back, what a selection reaches, scans (large,
 // deleting, nested, asynchronous), keyspace events as deliveries, lost
-// connections and the catch-up after them.
+// connections, the catch-up after them, and routes kept across them.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -158,14 +158,16 @@ TEST_F(KxMom, EveryKeyspaceEventOfAnotherWriterMapsToItsDelivery)
 {
     Lines table, one; // the whole table; one record of it and the single-record table
     ASSERT_EQ(kx_mom_subscribe(g, 3, record("s_frame.cap_dep|").get(), 0, recorder, &table), 0);
-    for (const char *key : {"s_frame.cap_dep|one", "s_frame.cap_dep|one", "p_libpub.cap_state"})
-        ASSERT_EQ(kx_mom_subscribe(g, 3, record(key).get(), 0, recorder, &one), 0); // again: no second route
     const std::string k1 = "s_frame.cap_dep|one", k2 = "s_frame.cap_dep|two";
+    for (const std::string &key : {k1, k1, std::string("p_libpub.cap_state")}) // again while pending: no change
+        ASSERT_EQ(kx_mom_subscribe(g, 3, record(key).get(), 0, recorder, &one), 0);
+    ASSERT_TRUE(run_until(g, [&] { return table.size() + one.size() >= 3; }));
+    EXPECT_EQ(table, Lines{"3:29 s_frame.cap_dep|*"});
+    EXPECT_EQ(one, (Lines{"3:29 " + k1, "3:29 p_libpub.cap_state"}));
     const std::string set = "3:4 " + k1 + " ready=true", gone = "3:3 " + k1 + " ready=false";
     const std::string hdel = "3:6 " + k1 + " ready=true", bad = "3:4 no record, error -1003";
     auto expired = [&] { return cli(3, {"EXISTS", k1}) == "0"; };
     struct Case { std::vector<Lines> writes; Lines table, one; } cases[] = {
-        {{}, {"3:29 s_frame.cap_dep|*"}, {"3:29 " + k1, "3:29 " + k1, "3:29 p_libpub.cap_state"}},
         {{{"HSET", k1, "ready", "1"}, {"HSET", k1, "x", "1"}, {"HDEL", k1, "x"}}, {set, set, hdel}, {set, set, hdel}},
         {{{"HDEL", k1, "ready"}}, {gone}, {gone}}, // its last field: the record is gone
         {{{"HSET", k2, "ready", "1"}, {"RENAME", k2, k1}}, {"3:3 s_frame.cap_dep|two ready=false", set}, {set}},
@@ -195,16 +197,22 @@ std::map<int32_t, Lines> seen;
 std::function<void(int32_t db)> write_late;
 const std::string late = "s_frame.cap_glb_table|0|/late";
 
+int32_t follower(kx_global_t *g, kx_mom_msg *m, void *)
+{
+    kx::HashRes res(kx_mom_hgetall_sync(g, m->db, record(late).get()));
+    return seen[m->db].push_back(std::to_string(m->cmd) + " " + describe(res.get())), 0;
+}
+
+// The reconnect callback subscribes again, as the daemon does: still one confirmation.
 TEST_F(KxMom, LostConnectionsGiveOneDisconnectTheRightReconnectAndACatchUp)
 {
     int written = 0;
     write_late = [&](int32_t db) { cli(db, {"HSET", late, "int32_value", std::to_string(++written)}); };
-    auto follower = [](kx_global_t *g, kx_mom_msg *m, void *) -> int32_t {
-        kx::HashRes res(kx_mom_hgetall_sync(g, m->db, record(late).get()));
-        return seen[m->db].push_back(std::to_string(m->cmd) + " " + describe(res.get())), 0;
-    };
     auto down = [](kx_global_t *, int32_t db) { return seen[db].push_back("down"), write_late(db), 0; };
-    auto up = [](kx_global_t *, int32_t db, int32_t t) { return seen[db].push_back("up " + std::to_string(t)), 0; };
+    auto up = [](kx_global_t *g, int32_t db, int32_t t) {
+        seen[db].push_back("up " + std::to_string(t));
+        return kx_mom_subscribe(g, db, record("s_frame.cap_dep|").get(), 0, follower, nullptr);
+    };
     for (int32_t db : {3, 28}) {
         ASSERT_EQ(kx_mom_client_set_disconnect_cb(g, db, down, 0), 0);
         ASSERT_EQ(kx_mom_client_set_reconnect_cb(g, db, up, 0), 0);
@@ -224,6 +232,38 @@ TEST_F(KxMom, LostConnectionsGiveOneDisconnectTheRightReconnectAndACatchUp)
         ASSERT_TRUE(run_until(g, [&] { return seen[db].size() == 3 && seen.size() == 2; })) << "db " << db;
         EXPECT_EQ(seen[db], (Lines{"down", "up " + std::to_string(type), "29 " + late +
                   " bool_value=false int32_value=" + std::to_string(written) + " str_value="}));
+    }
+}
+
+Lines events; // what connection callbacks saw
+
+// A route asked for on a connection that broke unnoticed, or while the database is down,
+// is kept and confirmed once it is back, once (the reconnect callback subscribes again).
+TEST_F(KxMom, NoRouteIsLostAndEachIsConfirmedOncePerReconnect)
+{
+    const std::string all = "s_frame.cap_del_fe_ready|0|0", two = "s_frame.cap_del_fe_ready|2|2";
+    auto up = [](kx_global_t *g, int32_t db, int32_t) {
+        events.push_back("up");
+        return kx_mom_subscribe(g, db, record("s_frame.cap_del_fe_ready|0|0").get(), 0, recorder, &events);
+    };
+    ASSERT_EQ(kx_mom_client_set_disconnect_cb(g, 28, [](kx_global_t *, int32_t) { return events.push_back("down"), 0; }, 0), 0);
+    ASSERT_EQ(kx_mom_client_set_reconnect_cb(g, 28, up, 0), 0);
+    const std::string confirmed = "28:29 s_frame.cap_del_fe_ready|*";
+    const std::tuple<const char *, std::string, bool, Lines> cases[] = { // kill, subscribe, once down
+        {"normal", all, false, {"down", "up", confirmed}},
+        {"pubsub", two, true, {"down", "up", confirmed, "28:29 " + two}},
+    };
+    for (const auto &[kill, key, noticed, want] : cases) {
+        events.clear();
+        cli(28, {"CLIENT", "KILL", "TYPE", kill});
+        ASSERT_TRUE(!noticed || run_until(g, [&] { return events == Lines{"down"}; }));
+        ASSERT_EQ(kx_mom_subscribe(g, 28, record(key).get(), 0, recorder, &events), 0);
+        ASSERT_TRUE(run_until(g, [&] { return events.size() >= want.size(); }));
+        // A second confirmation would come before the notification of a later write.
+        cli(28, {"HSET", "s_frame.cap_del_fe_ready|1|1", "ready", "1"});
+        ASSERT_TRUE(run_until(g, [&] { return events.size() > want.size(); }));
+        EXPECT_EQ(events.back(), "28:4 s_frame.cap_del_fe_ready|1|1 ready=true");
+        EXPECT_EQ(Lines(events.begin(), events.end() - 1), want) << kill;
     }
 }
 
