@@ -6,6 +6,11 @@
 // to the caller, who frees it with kx_mom_kx_obj_free / kx_mom_hash_res_free.
 // Key messages are read during the call only.
 //
+// Waiting: only the synchronous calls wait for the server, each at most the command
+// timeout (2 s); one that gets no answer in time fails with KX_MOM_EIO and leaves
+// its database down. Everything else (subscriptions, notifications, reconnects) runs
+// from the loop without waiting, whatever state the server is in.
+//
 // Diagnostics (a bad record, a lost connection and why, a refusal, a callback's
 // negative result) are one line on stderr each, and a record of the unit
 // "platform/kx" in the log sink that the process made with kx_zlog_init, if any.
@@ -67,12 +72,14 @@ typedef int32_t (*kx_mom_disconnect_cb)(kx_global_t *global, int32_t db);
 typedef int32_t (*kx_mom_reconnect_cb)(kx_global_t *global, int32_t db, int32_t type);
 
 // Connects the command and subscriber connections of `db`, checks the server
-// (databases >= 29, keyspace notifications) and selects `db`. The endpoint comes
-// from KX_MOM_ADDR_<db>, else KX_MOM_ADDR (unix:/path or tcp:HOST:PORT), else
-// tcp:127.0.0.1:6379; KX_MOM_USER and KX_MOM_PASSWORD authenticate. A bad value
-// or an unfit server gives KX_MOM_ECONFIG, an unreachable one KX_MOM_ENOTCONN,
-// each with one line. SIGPIPE left at its default is ignored from then
-// on. After this, libkx alone keeps the database connected (see the callbacks).
+// (databases >= 29, keyspace notifications, and with ACL DRYRUN where the server
+// allows it that the user may subscribe to a channel of `db` at all) and selects
+// `db`, waiting at most 2 s. The endpoint comes from KX_MOM_ADDR_<db>, else
+// KX_MOM_ADDR (unix:/path or tcp:HOST:PORT), else tcp:127.0.0.1:6379; KX_MOM_USER
+// and KX_MOM_PASSWORD authenticate. A bad value or an unfit server gives
+// KX_MOM_ECONFIG with a line naming the fix, an unreachable or silent one
+// KX_MOM_ENOTCONN. SIGPIPE left at its default is ignored from then on. After this,
+// libkx alone keeps the database connected (see the callbacks).
 int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db);
 // A database whose connection breaks is down: its disconnect callback runs once
 // (from the loop), its calls fail at once with KX_MOM_ENOTCONN, and libkx
@@ -80,7 +87,8 @@ int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db);
 // or KX_MOM_RECONNECT_RESTARTED, the database's subscriptions are restored and
 // every subscription of every database is confirmed again with
 // KX_MOM_CMD_SUBSCRIBED, once each (also one the reconnect callback subscribes
-// again). `flags` is unused: pass 0.
+// again). The reconnect never holds the loop: a server that does not answer within
+// 2 s is tried again later. `flags` is unused: pass 0.
 int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db,
                                         kx_mom_disconnect_cb cb, uint32_t flags);
 int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db,
@@ -91,7 +99,9 @@ int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db,
 // KX_MOM_CMD_SUBSCRIBED from the loop once the server confirms it; for a database
 // that is down (or whose connection is breaking), once the database is back. The
 // same db, key, cb and privdata again add no second route; they are confirmed again,
-// unless a confirmation is still pending (then that one answers both).
+// unless a confirmation is still pending (then that one answers both). A server
+// that refuses the subscription (an ACL user without the channel) is logged with
+// its reason and the channel, and tried again after the next reconnect.
 // KX_MOM_ENOTCONN for a database never connected, KX_MOM_EINVAL for bad arguments.
 // Changes come as the record is when read, not as it was written.
 int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage *key,

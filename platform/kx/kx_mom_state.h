@@ -94,20 +94,40 @@ struct ScanWork {
 
 enum class Link { never, up, down };
 
+// Opening a database's two connections and checking its server, step by step
+// (kx_mom_conn.cpp). Both connections stay non-blocking until it is done: the loop,
+// or poll() for kx_mom_client_connect_sync, waits for the sockets.
+struct Handshake {
+    Endpoint endpoint;
+    Context cmd;
+    Context sub;
+    size_t step = 0;        // the step under way
+    bool sent = false;      // its commands are queued
+    size_t expected = 0;    // replies it waits for
+    std::vector<Reply> replies;
+    bool answered = false;  // the server has replied to something
+    std::string notify;     // notify-keyspace-events as the server has it
+    std::string run_id;
+    int32_t code = 0;       // why it failed: the code and a line
+    std::string why;
+    Event io;               // the loop waiting for the socket in use
+    Event deadline;         // the loop's limit for the whole handshake
+};
+
 struct Database {
     kx_global *global = nullptr;
     int32_t db = 0;
     Endpoint endpoint;
     Link link = Link::never;
     uint64_t epoch = 0;       // changes whenever the connections are made or dropped
-    Context cmd;              // synchronous commands
+    Context cmd;              // synchronous commands: blocking, with the command timeout
     Context sub;              // subscriptions: non-blocking, read and written by the loop
     Event cmd_watch;          // notices the command connection closing while idle
     Event sub_read;
     Event sub_write;          // added while the subscriber connection has output queued
     Event timer;              // the disconnect callback, then connection retries
     bool disconnect_pending = false;
-    bool retry_logged = false;
+    std::string retry_failure; // why the last reconnect failed: a repeat is not logged again
     int retry_ms = 0;
     std::string run_id;
     kx_mom_disconnect_cb on_disconnect = nullptr;
@@ -115,6 +135,7 @@ struct Database {
     std::vector<std::unique_ptr<Route>> routes; // never removed before release
     std::deque<Route *> unconfirmed;            // pending routes, in the order sent
     std::vector<ScanWork *> scans;              // scans delivering from this db now
+    std::unique_ptr<Handshake> dial;            // the reconnect under way
 };
 
 // kx_mom_scan: the same work, one step per loop turn.
@@ -140,8 +161,6 @@ Database *database(kx_global *global, int32_t db);
 // The database when it is up, else nullptr with *code set (EINVAL or ENOTCONN).
 Database *up_database(kx_global *global, int32_t db, int32_t *code);
 
-// Opens both connections of `d` and checks the server; 0 or the code.
-int32_t connect_database(Database &d);
 // The database is down: drop its connections, then (from the loop) call its
 // disconnect callback and retry. Harmless when it is not up.
 void mark_down(Database &d, const char *why);
@@ -153,6 +172,8 @@ int append_command(redisContext *c, const Command &cmd);
 int32_t run_commands(Database &d, std::span<const Command> cmds, std::vector<Reply> *replies);
 int32_t run_command(Database &d, const Command &cmd, Reply *reply);
 
+// "__keyspace@<db>__:", what every channel of `db` starts with.
+std::string keyspace_prefix(int32_t db);
 // Queues (P)SUBSCRIBE for `route` unless it is pending already or the database is
 // down (the reconnect sends it); the loop writes it and delivers cmd 29 when the
 // server confirms. No I/O here: a broken connection shows in the loop.

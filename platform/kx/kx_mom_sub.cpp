@@ -47,11 +47,6 @@ Action action_for(std::string_view event, const ProtobufCMessageDescriptor *tabl
     return Action::ignore;
 }
 
-std::string keyspace_prefix(int32_t db)
-{
-    return "__keyspace@" + std::to_string(db) + "__:";
-}
-
 std::string_view text_of(const redisReply *r)
 {
     return r && (r->type == REDIS_REPLY_STRING || r->type == REDIS_REPLY_STATUS)
@@ -125,9 +120,28 @@ void dispatch(Database &d, std::string_view channel, const redisReply *pattern,
     }
 }
 
-// One reply of the subscriber connection: a confirmation or a notification.
+// The server refused a (P)SUBSCRIBE (NOPERM for a channel the ACL user lacks):
+// replies come in the order sent, so it is the oldest one pending. The route stays
+// and is tried again after the next reconnect.
+void refused(Database &d, const redisReply *r)
+{
+    if (d.unconfirmed.empty()) {
+        KX_LOG(ERROR, "db %d: subscriber connection: the server said: %.*s", d.db,
+               static_cast<int>(r->len), r->str);
+        return;
+    }
+    Route *route = d.unconfirmed.front();
+    d.unconfirmed.pop_front();
+    route->pending = false;
+    KX_LOG(ERROR, "db %d: %s %s refused: %.*s", d.db, route->pattern ? "PSUBSCRIBE" : "SUBSCRIBE",
+           route->channel.c_str(), static_cast<int>(r->len), r->str);
+}
+
+// One reply of the subscriber connection: a confirmation, a refusal or a notification.
 void handle_push(Database &d, const redisReply *r)
 {
+    if (r->type == REDIS_REPLY_ERROR)
+        return refused(d, r);
     if (r->type != REDIS_REPLY_ARRAY || r->elements < 3)
         return;
     std::string_view kind = text_of(r->element[0]);
@@ -175,6 +189,11 @@ void on_subscriber_writable(evutil_socket_t, short, void *arg)
         mark_down(d, d.sub->errstr);
     else if (!done)
         event_add(d.sub_write.get(), nullptr);
+}
+
+std::string keyspace_prefix(int32_t db)
+{
+    return "__keyspace@" + std::to_string(db) + "__:";
 }
 
 void send_subscribe(Database &d, Route &route)

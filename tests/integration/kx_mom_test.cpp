@@ -1,22 +1,27 @@
 // kx_mom against real redis-servers (db 3 on a card-local one, db 28 on a global
 // one): records as stored and read back, what a selection reaches, scans (large,
 // deleting, nested, asynchronous), keyspace events as deliveries, lost
-// connections, the catch-up after them, and routes kept across them.
+// connections and the catch-up after them, routes kept across them, endpoints,
+// ACL users, and a stopped server.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <cstring>
 
 #include <event2/event.h>
 
 #include "kx_codec.h"
 #include "kx_internal.h"
+#include "kx_mom_state.h"
 #include "p_libpub.pb-c.h"
 #include "s_frame.pb-c.h"
 #include "test_redis.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 
 // A record as text: its key, then each field but the index as name=value.
@@ -267,14 +272,93 @@ TEST_F(KxMom, NoRouteIsLostAndEachIsConfirmedOncePerReconnect)
     }
 }
 
-TEST_F(KxMom, AServerWithTooFewDatabasesIsRefusedWithTheFix)
+// Connecting db 2: the endpoint forms, a server with too few databases, ACL users on the
+// global one. Each refusal is one line saying why (and the fix), never the password. The
+// last user, granted its channels as one pattern, connects; the server refuses its
+// whole-table follow (PSUBSCRIBE patterns are granted literally), and that is logged.
+TEST_F(KxMom, ConnectRefusalsSayWhyAndSubscribeRefusalsAreLogged)
 {
     testsupport::RedisServer small({16, "KEA"});
-    setenv("KX_MOM_ADDR_1", small.addr().c_str(), 1);
+    cli(28, {"ACL", "SETUSER", "card", "on", ">s3cret", "~*", "+@all", "&__keyspace@2__:*"});
+    cli(28, {"ACL", "SETUSER", "deaf", "on", ">s3cret", "~*", "+@all", "resetchannels"});
+    const std::string at = global.addr() + ": ";
+    struct Case { std::string addr; const char *user, *password; int32_t rc; std::string line; };
+    std::vector<Case> cases = {
+        {"tcp:127.0.0.1:1", nullptr, nullptr, KX_MOM_ENOTCONN, "tcp:127.0.0.1:1: cannot connect: Connection refused"},
+        {"unix:/none/redis.sock", nullptr, nullptr, KX_MOM_ENOTCONN, "unix:/none/redis.sock: cannot connect: No such file or directory"},
+        {small.addr(), nullptr, nullptr, KX_MOM_ECONFIG,
+         small.addr() + ": the server has 16 databases, 29 are needed: set `databases 32` in redis.conf"},
+        {global.addr(), "card", nullptr, KX_MOM_ECONFIG, at + "KX_MOM_USER is set without KX_MOM_PASSWORD"},
+        {global.addr(), "card", "wrong", KX_MOM_ECONFIG,
+         at + "AUTH as 'card' refused: WRONGPASS invalid username-password pair or user is disabled."},
+        {global.addr(), "deaf", "s3cret", KX_MOM_ECONFIG,
+         at + "user 'deaf' may subscribe to no channel of db 2: grant them, e.g. ACL SETUSER deaf allchannels, "
+              "or '&__keyspace@2__:*' and each table followed whole as '&__keyspace@2__:TABLE|*'"},
+    };
+    for (std::string bad : {"udp:127.0.0.1:6379", "tcp:127.0.0.1", "tcp::6379", "tcp:[]:6379", "tcp:127.0.0.1:0",
+                            "tcp:127.0.0.1:65536", "tcp:127.0.0.1:63x", "unix:"})
+        cases.push_back({bad, nullptr, nullptr, KX_MOM_ECONFIG,
+                         "bad KX_MOM_ADDR_2 '" + bad + "': expected unix:/path/redis.sock or tcp:HOST:PORT"});
+    cases.push_back({global.addr(), "card", "s3cret", 0, ""});
+    for (const Case &c : cases) {
+        setenv("KX_MOM_ADDR_2", c.addr.c_str(), 1);
+        c.user ? setenv("KX_MOM_USER", c.user, 1) : unsetenv("KX_MOM_USER");
+        c.password ? setenv("KX_MOM_PASSWORD", c.password, 1) : unsetenv("KX_MOM_PASSWORD");
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(kx_mom_client_connect_sync(g, 2), c.rc) << c.addr;
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.rc ? "kx_mom: db 2: " + c.line + "\n" : "");
+    }
+    unsetenv("KX_MOM_USER");
+    unsetenv("KX_MOM_PASSWORD");
+    Lines rec;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(kx_mom_client_connect_sync(g, 1), KX_MOM_ECONFIG);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "kx_mom: db 1: " + small.addr() +
-              ": the server has 16 databases, 29 are needed: set `databases 32` in redis.conf\n");
+    for (const char *key : {"s_frame.cap_dep|", "s_frame.cap_dep|x"})
+        ASSERT_EQ(kx_mom_subscribe(g, 2, record(key).get(), 0, recorder, &rec), 0);
+    EXPECT_TRUE(run_until(g, [&] { return rec.size() == 1; }));
+    EXPECT_EQ(rec, Lines{"2:29 s_frame.cap_dep|x"});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "kx_mom: db 2: PSUBSCRIBE __keyspace@2__:s_frame.cap_dep|* "
+              "refused: NOPERM this user has no permissions to access one of the channels used as arguments\n");
+}
+
+// db 3's server stopped: the call that finds it waits the command timeout, then db 3 is
+// down and its calls fail at once. The loop runs on through libkx's reconnect attempts
+// (a 50 ms tick reading db 28 is never held for 500 ms); then db 3 is back, same run.
+TEST_F(KxMom, AStoppedServerHoldsOnlyTheCallThatFindsIt)
+{
+    using Clock = std::chrono::steady_clock;
+    const std::string info = local.cli(0, {"INFO", "server"});
+    const pid_t pid = std::stoi(info.substr(info.find("process_id:") + 11));
+    ASSERT_EQ(kx_mom_client_set_reconnect_cb(g, 3, [](kx_global_t *, int32_t, int32_t t) {
+        return events.push_back("up " + std::to_string(t)), 0; }, 0), 0);
+    events.clear();
+    const kx::Message key = record("s_frame.cap_dep|x");
+    kill(pid, SIGSTOP);
+    auto start = Clock::now();
+    EXPECT_EQ(kx_mom_hgetall_sync(g, 3, key.get()), nullptr);
+    EXPECT_LT(Clock::now() - start, 3s);
+    start = Clock::now();
+    int32_t error = 0, tag = 6;
+    EXPECT_EQ(kx_mom_get_sync(g, 3, key.get(), &error), nullptr);
+    EXPECT_EQ((std::vector<int32_t>{error, kx_mom_hmset_sync(g, 3, key.get(), &tag, 1), kx_mom_del_sync(g, 3, key.get()),
+               kx_mom_scan_sync(g, 3, key.get(), 0, recorder, &events), kx_mom_scan(g, 3, key.get(), 0, recorder, &events)}),
+              std::vector<int32_t>(5, KX_MOM_ENOTCONN));
+    EXPECT_LT(Clock::now() - start, 200ms);
+    static Clock::time_point last = Clock::now();
+    static Clock::duration longest{};
+    static int served = 0;
+    auto tick = [](evutil_socket_t, short, void *g) {
+        longest = std::max(longest, Clock::now() - last), last = Clock::now();
+        served += kx::HashRes(kx_mom_hgetall_sync(static_cast<kx_global_t *>(g), 28, record("s_frame.cap_dep|x").get())) != nullptr;
+    };
+    kx::Event timer(event_new(g->base, -1, EV_PERSIST, tick, g));
+    const timeval every{0, 50000}, window{3, 0};
+    event_add(timer.get(), &every);
+    event_base_loopexit(g->base, &window);
+    event_base_dispatch(g->base);
+    EXPECT_LT(longest, 500ms);
+    EXPECT_GT(served, 20);
+    kill(pid, SIGCONT);
+    EXPECT_TRUE(run_until(g, [&] { return events == Lines{"up 2"}; }));
 }
 
 } // namespace
