@@ -114,7 +114,9 @@ int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage
 // A callback's negative result is logged and changes nothing.
 int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                          uint32_t flags, kx_mom_cb cb, void *privdata);
-// The same from the loop after returning, then one delivery with scan_over 1.
+// The same from the loop after returning, then one delivery with scan_over 1. A
+// connection lost meanwhile ends the scan: the records read before it, each once,
+// then scan_over 1; it is not resumed (a subscriber's catch-up covers the rest).
 int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                     uint32_t flags, kx_mom_cb cb, void *privdata);
 

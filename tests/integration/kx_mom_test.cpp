@@ -1,6 +1,6 @@
 // kx_mom against real redis-servers (db 3 on a card-local one, db 28 on a global
 // one): records as stored and read back, what a selection reaches, scans (large,
-// deleting, nested, asynchronous), keyspace events as deliveries, lost
+// deleting, nested, asynchronous, cut short), keyspace events as deliveries, lost
 // connections and the catch-up after them, routes kept across them, endpoints,
 // ACL users, and a stopped server.
 #include <gtest/gtest.h>
@@ -120,15 +120,30 @@ TEST_F(KxMom, RecordsRoundTripInTheDocumentedFormAndSelectionsReachExactlyThem)
     EXPECT_EQ(selected(cases[0].key), Lines{line[0]}); // a real index: that record alone, not /fe
 }
 
-TEST_F(KxMom, AsyncScanOfTenThousandDeliversEachRecordOnceThenScanOver)
+// Each record once, then scan_over; also when the connection is lost under the scan
+// (the first callback kills it): what was read before, and nothing after the reconnect.
+Lines events; // what connection callbacks saw
+TEST_F(KxMom, AsyncScanDeliversEachRecordOnceThenScanOverAlsoWhenCutShort)
 {
     cli(3, {"EVAL", "for i = 1, 10000 do redis.call('HSET', 'p_libpub.cap_table|/u' .. i, 'pri', i) end", "0"});
-    Lines rec;
-    ASSERT_EQ(kx_mom_scan(g, 3, record("p_libpub.cap_table|").get(), 0, recorder, &rec), 0);
-    ASSERT_TRUE(run_until(g, [&] { return rec.size() && rec.back() == "3:0 scan_over"; }));
-    EXPECT_EQ(rec.size(), 10001u);
-    std::ranges::sort(rec);
-    EXPECT_EQ(std::ranges::adjacent_find(rec), rec.end()); // each record once
+    ASSERT_EQ(kx_mom_client_set_reconnect_cb(g, 3, [](kx_global_t *, int32_t, int32_t) { return events.push_back("up"), 0; }, 0), 0);
+    struct Scan { Lines rec; const testsupport::RedisServer *kill; };
+    auto on_record = [](kx_global_t *g, kx_mom_msg *m, void *p) {
+        auto *s = static_cast<Scan *>(p);
+        if (s->rec.empty() && s->kill)
+            s->kill->cli(3, {"CLIENT", "KILL", "TYPE", "normal"});
+        return recorder(g, m, &s->rec);
+    };
+    for (const testsupport::RedisServer *kill : {(testsupport::RedisServer *)nullptr, &local}) {
+        Scan scan{{}, kill};
+        events.clear();
+        ASSERT_EQ(kx_mom_scan(g, 3, record("p_libpub.cap_table|").get(), 0, on_record, &scan), 0);
+        ASSERT_TRUE(run_until(g, [&] { return scan.rec.size() && scan.rec.back() == "3:0 scan_over" && events.size() == !!kill; }));
+        EXPECT_EQ(scan.rec.back(), "3:0 scan_over");
+        EXPECT_TRUE(kill ? scan.rec.size() < 10000 : scan.rec.size() == 10001) << scan.rec.size();
+        std::ranges::sort(scan.rec);
+        EXPECT_EQ(std::ranges::adjacent_find(scan.rec), scan.rec.end()); // each record once
+    }
 }
 
 // The subcard withdrawal: each outer callback deletes its own record, scans
@@ -239,8 +254,6 @@ TEST_F(KxMom, LostConnectionsGiveOneDisconnectTheRightReconnectAndACatchUp)
                   " bool_value=false int32_value=" + std::to_string(written) + " str_value="}));
     }
 }
-
-Lines events; // what connection callbacks saw
 
 // A route asked for on a connection that broke unnoticed, or while the database is down,
 // is kept and confirmed once it is back, once (the reconnect callback subscribes again).
