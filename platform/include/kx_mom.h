@@ -5,6 +5,16 @@
 // during the callback. What kx_mom_get_sync and kx_mom_hgetall_sync return belongs
 // to the caller, who frees it with kx_mom_kx_obj_free / kx_mom_hash_res_free.
 // Key messages are read during the call only.
+//
+// Waiting: only the synchronous calls wait for the server, each at most the command
+// timeout (2 s); one that gets no answer in time fails with KX_MOM_EIO and leaves
+// its database down. Everything else (subscriptions, notifications, reconnects) runs
+// from the loop without waiting, whatever state the server is in.
+//
+// Diagnostics (a bad record, a lost connection and why, a refusal, a callback's
+// negative result) are one line on stderr each, and a record of the unit
+// "platform/kx" in the log sink that the process made with kx_zlog_init, if any.
+// A password never appears in them.
 #ifndef KX_MOM_H
 #define KX_MOM_H
 
@@ -62,27 +72,37 @@ typedef int32_t (*kx_mom_disconnect_cb)(kx_global_t *global, int32_t db);
 typedef int32_t (*kx_mom_reconnect_cb)(kx_global_t *global, int32_t db, int32_t type);
 
 // Connects the command and subscriber connections of `db`, checks the server
-// (databases >= 29, keyspace notifications) and selects `db`. The endpoint comes
-// from KX_MOM_ADDR_<db>, else KX_MOM_ADDR (unix:/path or tcp:HOST:PORT), else
-// tcp:127.0.0.1:6379; KX_MOM_USER and KX_MOM_PASSWORD authenticate. A bad value
-// or an unfit server gives KX_MOM_ECONFIG, an unreachable one KX_MOM_ENOTCONN,
-// each with one line on stderr. SIGPIPE left at its default is ignored from then
-// on. After this, libkx alone keeps the database connected (see the callbacks).
+// (databases >= 29, keyspace notifications, and with ACL DRYRUN where the server
+// allows it that the user may subscribe to a channel of `db` at all) and selects
+// `db`, waiting at most 2 s. The endpoint comes from KX_MOM_ADDR_<db>, else
+// KX_MOM_ADDR (unix:/path or tcp:HOST:PORT), else tcp:127.0.0.1:6379; KX_MOM_USER
+// and KX_MOM_PASSWORD authenticate. A bad value or an unfit server gives
+// KX_MOM_ECONFIG with a line naming the fix, an unreachable or silent one
+// KX_MOM_ENOTCONN. SIGPIPE left at its default is ignored from then on. After this,
+// libkx alone keeps the database connected (see the callbacks).
 int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db);
 // A database whose connection breaks is down: its disconnect callback runs once
 // (from the loop), its calls fail at once with KX_MOM_ENOTCONN, and libkx
 // reconnects on a timer. Then the reconnect callback gets KX_MOM_RECONNECT_SAME
 // or KX_MOM_RECONNECT_RESTARTED, the database's subscriptions are restored and
 // every subscription of every database is confirmed again with
-// KX_MOM_CMD_SUBSCRIBED. `flags` is unused: pass 0.
+// KX_MOM_CMD_SUBSCRIBED, once each (also one the reconnect callback subscribes
+// again). The reconnect never holds the loop: a server that does not answer within
+// 2 s is tried again later. `flags` is unused: pass 0.
 int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db,
                                         kx_mom_disconnect_cb cb, uint32_t flags);
 int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db,
                                        kx_mom_reconnect_cb cb, uint32_t flags);
 
-// Follows one record (index set) or a whole table (index at its defaults).
-// `cb` receives KX_MOM_CMD_SUBSCRIBED from the loop once the server confirms,
-// also when the same db, key, cb and privdata subscribe again (no second route).
+// Follows one record (index set) or a whole table (index at its defaults). Returns
+// at once without I/O: 0 means the route is kept, and `cb` receives
+// KX_MOM_CMD_SUBSCRIBED from the loop once the server confirms it; for a database
+// that is down (or whose connection is breaking), once the database is back. The
+// same db, key, cb and privdata again add no second route; they are confirmed again,
+// unless a confirmation is still pending (then that one answers both). A server
+// that refuses the subscription (an ACL user without the channel) is logged with
+// its reason and the channel, and tried again after the next reconnect.
+// KX_MOM_ENOTCONN for a database never connected, KX_MOM_EINVAL for bad arguments.
 // Changes come as the record is when read, not as it was written.
 int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                          uint32_t flags, kx_mom_cb cb, void *privdata);
@@ -94,7 +114,9 @@ int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage
 // A callback's negative result is logged and changes nothing.
 int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                          uint32_t flags, kx_mom_cb cb, void *privdata);
-// The same from the loop after returning, then one delivery with scan_over 1.
+// The same from the loop after returning, then one delivery with scan_over 1. A
+// connection lost meanwhile ends the scan: the records read before it, each once,
+// then scan_over 1; it is not resumed (a subscriber's catch-up covers the rest).
 int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                     uint32_t flags, kx_mom_cb cb, void *privdata);
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "kx_global.h"
+#include "kx_zlog.h"
 
 struct event_base;
 struct event;
@@ -21,6 +22,11 @@ struct ssat_state; // the debug-shell listener (ssat.cpp)
 // Released by kx_global_finish; each is harmless on a handle that never used it.
 void mom_release(kx_global_t *global);
 void ssat_release(kx_global_t *global);
+
+// The first log sink the process made with kx_zlog_init that does not write to
+// standard error (libkx writes its own line there), or nullptr: where libkx's own
+// diagnostics go too.
+kx_zlog_category_t *log_sink();
 
 // mkdir -p for the directory part of `path` (failures show when the path is used).
 void make_parent_dirs(const std::string &path);

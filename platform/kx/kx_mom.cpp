@@ -21,8 +21,8 @@ constexpr size_t kReadBatch = 256;
 
 int32_t server_refused(int32_t db, const std::string &key, const redisReply *r)
 {
-    log("db %d: key '%s': the server refused: %.*s", db, printable(key).c_str(),
-        static_cast<int>(r->len), r->str);
+    KX_LOG(ERROR, "db %d: key '%s': the server refused: %.*s", db, printable(key).c_str(),
+           static_cast<int>(r->len), r->str);
     return KX_MOM_ESERVER;
 }
 
@@ -75,9 +75,9 @@ kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
         res = decode_hash(db, key, table, fields, &error);
     }
     if (!res || res->error_code == KX_MOM_ENOMEM)
-        log("db %d: key '%s': out of memory", db, printable(key).c_str());
+        KX_LOG(ERROR, "db %d: key '%s': out of memory", db, printable(key).c_str());
     else if (res->error_code != 0)
-        log("db %d: %s", db, error.c_str());
+        KX_LOG(WARN, "db %d: %s", db, error.c_str());
     return res;
 }
 
@@ -107,7 +107,7 @@ ProtobufCMessage *whole_from_reply(int32_t db, const std::string &key,
         error = "key '" + printable(key) + "': the read gave an unexpected reply";
     }
     if (*code != 0)
-        log("db %d: %s", db, error.c_str());
+        KX_LOG(WARN, "db %d: %s", db, error.c_str());
     return record.release();
 }
 
@@ -140,7 +140,7 @@ int32_t list_step(Database &d, ScanWork &w)
         return server_refused(d.db, w.glob, r.get());
     if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
         r->element[0]->type != REDIS_REPLY_STRING || r->element[1]->type != REDIS_REPLY_ARRAY) {
-        log("db %d: SCAN %s: unexpected reply", d.db, printable(w.glob).c_str());
+        KX_LOG(ERROR, "db %d: SCAN %s: unexpected reply", d.db, printable(w.glob).c_str());
         return KX_MOM_EPROTO;
     }
     w.cursor.assign(r->element[0]->str, r->element[0]->len);
@@ -162,7 +162,7 @@ bool valid_key(const Database &d, const ScanWork &w, const std::string &key)
     std::string error;
     Message record(parse_key(w.table, key, &error));
     if (!record)
-        log("db %d: scan skips %s", d.db, error.c_str());
+        KX_LOG(WARN, "db %d: scan skips %s", d.db, error.c_str());
     return record != nullptr;
 }
 
@@ -240,7 +240,7 @@ void on_async_turn(evutil_socket_t, short, void *arg)
         return;
     }
     if (rc < 0)
-        log("db %d: scan of %s ended early: %d", w.db, printable(w.glob).c_str(), rc);
+        KX_LOG(WARN, "db %d: scan of %s ended early: %d", w.db, printable(w.glob).c_str(), rc);
     deliver(w.global, w.cb, w.privdata, w.db, w.table, 0, nullptr, w.glob.c_str(), 1);
     auto &scans = w.global->mom->async_scans;
     scans.remove_if([scan](const auto &s) { return s.get() == scan; });
@@ -267,8 +267,8 @@ void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
     kx_mom_msg msg{db, table, cmd, data, key, scan_over};
     int32_t rc = cb(global, &msg, privdata);
     if (rc < 0)
-        log("db %d: key '%s': callback returned %d for cmd %d", db, printable(key).c_str(), rc,
-            cmd);
+        KX_LOG(WARN, "db %d: key '%s': callback returned %d for cmd %d", db,
+               printable(key).c_str(), rc, cmd);
 }
 
 bool selects_glob(const ProtobufCMessage *key, std::string *match)

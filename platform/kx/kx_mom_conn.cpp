@@ -1,20 +1,30 @@
-// kx_mom connections: configuration, connect and server checks, failure
-// detection and the reconnect timer.
+// kx_mom connections: configuration, the connect handshake and its server checks,
+// failure detection and the reconnect.
 //
-// Each database has a synchronous command connection (2 s timeout) and a
-// subscriber connection read from the loop. Any failure of either drops both:
-// the database is down, sync calls fail at once with KX_MOM_ENOTCONN, and a timer
-// (100 ms doubling to 5 s) makes fresh connections until the server answers.
-// Fresh ones, not redisReconnect: that would forget the timeout and the SELECT.
+// Each database has a command connection (blocking, with a 2 s timeout, for the
+// synchronous calls) and a subscriber connection (non-blocking, read and written by
+// the loop). Any failure of either drops both: the database is down, its calls fail
+// at once with KX_MOM_ENOTCONN, and a timer (100 ms doubling to 5 s) makes fresh
+// connections until the server answers. Fresh ones, not redisReconnect: that would
+// forget the timeout and the SELECT.
+//
+// Connecting is a handshake: both connections are opened without waiting, then each
+// step writes its commands and reads their replies as the sockets allow, within 2 s
+// in all. kx_mom_client_connect_sync waits for it in poll(): its caller needs the
+// result. A reconnect runs it from the loop with a loop timer as its limit, so that
+// a server that is stopped, paused or unreachable never holds the loop.
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <charconv>
+#include <chrono>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include "kx_codec.h"
@@ -24,17 +34,14 @@ namespace kx {
 namespace {
 
 constexpr timeval kCommandTimeout{2, 0};
+constexpr std::chrono::milliseconds kHandshakeLimit{2000};
 constexpr int kFirstRetryMs = 100;
 constexpr int kLastRetryMs = 5000;
 constexpr int kNeededDatabases = 29;
 // Keyspace events on (K), for generic commands (g: del, rename, expire), hashes
 // (h), strings ($), expiry (x) and eviction (e).
 constexpr std::string_view kNeededNotify = "Kgh$xe";
-
-struct Failure {
-    int32_t code;
-    std::string why;
-};
+constexpr std::string_view kUnit = "platform/kx";
 
 bool parse_port(std::string_view text, int *port)
 {
@@ -69,23 +76,6 @@ bool parse_endpoint(std::string_view text, Endpoint *ep)
     return !host.empty() && parse_port(rest.substr(colon + 1), &ep->port);
 }
 
-int32_t endpoint_for(int32_t db, Endpoint *ep)
-{
-    std::string name = "KX_MOM_ADDR_" + std::to_string(db);
-    const char *value = getenv(name.c_str());
-    if (!value) {
-        name = "KX_MOM_ADDR";
-        value = getenv(name.c_str());
-    }
-    if (!value)
-        value = "tcp:127.0.0.1:6379";
-    if (parse_endpoint(value, ep))
-        return 0;
-    log("db %d: bad %s '%s': expected unix:/path/redis.sock or tcp:HOST:PORT", db, name.c_str(),
-        printable(value).c_str());
-    return KX_MOM_ECONFIG;
-}
-
 std::string reply_text(const redisReply *r)
 {
     if (!r)
@@ -96,106 +86,147 @@ std::string reply_text(const redisReply *r)
     return "unexpected reply type " + std::to_string(r->type);
 }
 
-// One command on a context being set up (not yet part of a database).
-Reply setup_command(redisContext *c, const Command &cmd, Failure *fail)
+// Why an I/O call on `c` failed; a blocking read or write that timed out says so.
+std::string io_failure(const redisContext *c)
 {
-    void *r = nullptr;
-    if (append_command(c, cmd) != REDIS_OK || redisGetReply(c, &r) != REDIS_OK) {
-        *fail = {KX_MOM_ENOTCONN, std::string(cmd[0]) + ": " + c->errstr};
-        return nullptr;
-    }
-    return Reply(static_cast<redisReply *>(r));
+    if (c->err == REDIS_ERR_IO && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return "no answer within " + std::to_string(kCommandTimeout.tv_sec) + " s";
+    return c->errstr[0] ? c->errstr : "I/O error";
 }
 
-bool opens(redisContext *c, const Endpoint &ep, Context *out, Failure *fail)
+const char *user_name()
 {
-    out->reset(c);
-    if (!c) {
-        *fail = {KX_MOM_ENOMEM, "out of memory"};
-        return false;
+    const char *user = getenv("KX_MOM_USER");
+    return user ? user : "default";
+}
+
+// The handshake fails for `what` at its endpoint.
+bool fail(Handshake &h, int32_t code, const std::string &what)
+{
+    h.code = code;
+    h.why = h.endpoint.text + ": " + what;
+    return false;
+}
+
+bool endpoint_for(int32_t db, Handshake &h)
+{
+    std::string name = "KX_MOM_ADDR_" + std::to_string(db);
+    const char *value = getenv(name.c_str());
+    if (!value) {
+        name = "KX_MOM_ADDR";
+        value = getenv(name.c_str());
     }
-    if (c->err) {
-        *fail = {KX_MOM_ENOTCONN, "cannot connect to " + ep.text + ": " + c->errstr};
+    if (!value)
+        value = "tcp:127.0.0.1:6379";
+    if (parse_endpoint(value, &h.endpoint))
+        return true;
+    h.code = KX_MOM_ECONFIG;
+    h.why = "bad " + name + " '" + printable(value) +
+            "': expected unix:/path/redis.sock or tcp:HOST:PORT";
+    return false;
+}
+
+// Parses the endpoint and opens both connections, without waiting for them.
+bool open_handshake(int32_t db, Handshake &h)
+{
+    if (!endpoint_for(db, h))
         return false;
+    const Endpoint &ep = h.endpoint;
+    for (Context *c : {&h.cmd, &h.sub}) {
+        c->reset(ep.unix_socket ? redisConnectUnixNonBlock(ep.where.c_str())
+                                : redisConnectNonBlock(ep.where.c_str(), ep.port));
+        if (!*c)
+            return fail(h, KX_MOM_ENOMEM, "out of memory");
+        if ((*c)->err)
+            return fail(h, KX_MOM_ENOTCONN, std::string("cannot connect: ") + (*c)->errstr);
     }
-    redisSetTimeout(c, kCommandTimeout);
     return true;
 }
 
-// A connection to the endpoint, authenticated when KX_MOM_PASSWORD is set.
-bool open_connection(const Endpoint &ep, Context *out, Failure *fail)
+// Queues one command of a step: 1, or 0 when out of memory.
+size_t queue(Handshake &h, redisContext *c, const Command &cmd)
 {
-    redisContext *c = ep.unix_socket
-                          ? redisConnectUnixWithTimeout(ep.where.c_str(), kCommandTimeout)
-                          : redisConnectWithTimeout(ep.where.c_str(), ep.port, kCommandTimeout);
-    if (!opens(c, ep, out, fail))
-        return false;
+    return append_command(c, cmd) == REDIS_OK ? 1 : (fail(h, KX_MOM_ENOMEM, "out of memory"), 0);
+}
+
+// The steps of the handshake. `send` queues a step's commands and gives their
+// number (0 skips the step); `accept` checks their replies.
+struct Step {
+    const char *name;
+    bool on_sub; // the subscriber connection, else the command connection
+    size_t (*send)(int32_t db, Handshake &h, redisContext *c);
+    bool (*accept)(int32_t db, Handshake &h, std::span<const Reply> replies);
+};
+
+// AUTH when KX_MOM_PASSWORD is set, as KX_MOM_USER when that is set too.
+size_t send_auth(int32_t, Handshake &h, redisContext *c)
+{
     const char *user = getenv("KX_MOM_USER");
     const char *password = getenv("KX_MOM_PASSWORD");
     if (!password) {
-        if (user) {
-            *fail = {KX_MOM_ECONFIG, "KX_MOM_USER is set without KX_MOM_PASSWORD"};
-            return false;
-        }
-        return true;
+        if (user)
+            fail(h, KX_MOM_ECONFIG, "KX_MOM_USER is set without KX_MOM_PASSWORD");
+        return 0;
     }
     Command auth{"AUTH"};
     if (user)
         auth.push_back(user);
     auth.push_back(password);
-    Reply r = setup_command(c, auth, fail);
-    if (!r)
-        return false;
-    if (r->type == REDIS_REPLY_ERROR) {
-        *fail = {KX_MOM_ECONFIG, "AUTH refused by " + ep.text + ": " + reply_text(r.get())};
-        return false;
-    }
-    return true;
+    return queue(h, c, auth);
 }
 
-// The value of one setting from CONFIG GET; false with *fail set.
-bool config_get(redisContext *c, const char *name, std::string *value, Failure *fail)
+bool accept_auth(int32_t, Handshake &h, std::span<const Reply> r)
 {
-    Reply r = setup_command(c, {"CONFIG", "GET", name}, fail);
-    if (!r)
-        return false;
-    if (r->type == REDIS_REPLY_ERROR && std::string_view(r->str, r->len).starts_with("NOAUTH")) {
-        *fail = {KX_MOM_ECONFIG, "the server needs a password: set KX_MOM_PASSWORD (and "
-                                 "KX_MOM_USER for an ACL user)"};
-        return false;
-    }
+    return r[0]->type != REDIS_REPLY_ERROR ||
+           fail(h, KX_MOM_ECONFIG, std::string("AUTH as '") + user_name() +
+                                       "' refused: " + reply_text(r[0].get()));
+}
+
+// The value of a setting from its CONFIG GET reply; false with the failure set.
+bool config_value(Handshake &h, const redisReply *r, const char *name, std::string *value)
+{
+    if (r->type == REDIS_REPLY_ERROR && std::string_view(r->str, r->len).starts_with("NOAUTH"))
+        return fail(h, KX_MOM_ECONFIG, "the server needs a password: set KX_MOM_PASSWORD (and "
+                                       "KX_MOM_USER for an ACL user)");
     if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
-        r->element[1]->type != REDIS_REPLY_STRING) {
-        *fail = {KX_MOM_ECONFIG, std::string("cannot read the server's ") + name + " (" +
-                                     reply_text(r.get()) +
-                                     "): allow CONFIG GET for this user"};
-        return false;
-    }
+        r->element[1]->type != REDIS_REPLY_STRING)
+        return fail(h, KX_MOM_ECONFIG, std::string("cannot read the server's ") + name + " (" +
+                                           reply_text(r) + "): allow CONFIG GET for this user");
     value->assign(r->element[1]->str, r->element[1]->len);
     return true;
 }
 
-bool check_databases(redisContext *c, Failure *fail)
+size_t send_databases(int32_t, Handshake &h, redisContext *c)
+{
+    return queue(h, c, {"CONFIG", "GET", "databases"});
+}
+
+bool accept_databases(int32_t, Handshake &h, std::span<const Reply> r)
 {
     std::string text;
-    if (!config_get(c, "databases", &text, fail))
+    if (!config_value(h, r[0].get(), "databases", &text))
         return false;
     int count = 0;
     std::from_chars(text.data(), text.data() + text.size(), count);
-    if (count >= kNeededDatabases)
-        return true;
-    *fail = {KX_MOM_ECONFIG, "the server has " + printable(text) + " databases, " +
-                                 std::to_string(kNeededDatabases) +
-                                 " are needed: set `databases 32` in redis.conf"};
-    return false;
+    return count >= kNeededDatabases ||
+           fail(h, KX_MOM_ECONFIG, "the server has " + printable(text) + " databases, " +
+                                       std::to_string(kNeededDatabases) +
+                                       " are needed: set `databases 32` in redis.conf");
 }
 
-// Adds the keyspace notification flags the subscriptions rely on.
-bool check_notifications(redisContext *c, Failure *fail)
+size_t send_notify_get(int32_t, Handshake &h, redisContext *c)
 {
-    std::string flags;
-    if (!config_get(c, "notify-keyspace-events", &flags, fail))
-        return false;
+    return queue(h, c, {"CONFIG", "GET", "notify-keyspace-events"});
+}
+
+bool accept_notify_get(int32_t, Handshake &h, std::span<const Reply> r)
+{
+    return config_value(h, r[0].get(), "notify-keyspace-events", &h.notify);
+}
+
+// The keyspace notification flags the subscriptions rely on that the server lacks.
+std::string missing_notify(const std::string &flags)
+{
     std::string have = flags;
     if (have.find('A') != std::string::npos)
         have += "g$lshzxetd";
@@ -203,47 +234,219 @@ bool check_notifications(redisContext *c, Failure *fail)
     for (char f : kNeededNotify)
         if (have.find(f) == std::string::npos)
             missing += f;
-    if (missing.empty())
-        return true;
-    Reply r = setup_command(c, {"CONFIG", "SET", "notify-keyspace-events", flags + missing}, fail);
-    if (!r)
-        return false;
-    if (r->type == REDIS_REPLY_ERROR) {
-        *fail = {KX_MOM_ECONFIG, "keyspace notifications '" + printable(flags) + "' lack '" +
-                                     missing + "' and CONFIG SET was refused (" +
-                                     reply_text(r.get()) +
-                                     "): set `notify-keyspace-events KEA` in redis.conf"};
-        return false;
-    }
-    return true;
+    return missing;
+}
+
+size_t send_notify_set(int32_t, Handshake &h, redisContext *c)
+{
+    std::string missing = missing_notify(h.notify);
+    return missing.empty() ? 0
+                           : queue(h, c, {"CONFIG", "SET", "notify-keyspace-events",
+                                          h.notify + missing});
+}
+
+bool accept_notify_set(int32_t, Handshake &h, std::span<const Reply> r)
+{
+    return r[0]->type != REDIS_REPLY_ERROR ||
+           fail(h, KX_MOM_ECONFIG, "keyspace notifications '" + printable(h.notify) +
+                                       "' lack '" + missing_notify(h.notify) +
+                                       "' and CONFIG SET was refused (" + reply_text(r[0].get()) +
+                                       "): set `notify-keyspace-events KEA` in redis.conf");
+}
+
+// Redis 7 gives a new ACL user no channel at all: every subscription would be
+// refused. One dry run per table libkx knows, with the channel that follows the
+// table written as a plain name: any allowed passes, so a user granted only the
+// channels it needs passes too. A server that will not dry-run for this user
+// (an older one, or no ACL permission) is not checked here; its refusals are
+// logged when they come.
+size_t send_channel_probe(int32_t db, Handshake &h, redisContext *c)
+{
+    size_t n = 0;
+    for (const ProtobufCMessageDescriptor *const *t = kx_mom_tables(); *t && h.code == 0; ++t)
+        n += queue(h, c, {"ACL", "DRYRUN", user_name(), "SUBSCRIBE",
+                          keyspace_prefix(db) + table_glob(*t)});
+    return n;
+}
+
+bool accept_channel_probe(int32_t db, Handshake &h, std::span<const Reply> r)
+{
+    for (const Reply &reply : r)
+        if (reply->type == REDIS_REPLY_ERROR || reply->type == REDIS_REPLY_STATUS)
+            return true;
+    std::string prefix = keyspace_prefix(db);
+    return fail(h, KX_MOM_ECONFIG,
+                std::string("user '") + user_name() + "' may subscribe to no channel of db " +
+                    std::to_string(db) + ": grant them, e.g. ACL SETUSER " + user_name() +
+                    " allchannels, or '&" + prefix + "*' and each table followed whole as '&" +
+                    prefix + "TABLE|*'");
 }
 
 // SELECT must be checked: a refused SELECT leaves the connection on db 0.
-bool select_db(redisContext *c, int32_t db, Failure *fail)
+size_t send_select(int32_t db, Handshake &h, redisContext *c)
 {
-    Reply r = setup_command(c, {"SELECT", std::to_string(db)}, fail);
-    if (!r)
-        return false;
-    if (r->type != REDIS_REPLY_STATUS || std::string_view(r->str, r->len) != "OK") {
-        *fail = {KX_MOM_ECONFIG, "SELECT " + std::to_string(db) + " refused: " + reply_text(r.get())};
-        return false;
-    }
+    return queue(h, c, {"SELECT", std::to_string(db)});
+}
+
+bool accept_select(int32_t db, Handshake &h, std::span<const Reply> r)
+{
+    return (r[0]->type == REDIS_REPLY_STATUS && std::string_view(r[0]->str, r[0]->len) == "OK") ||
+           fail(h, KX_MOM_ECONFIG,
+                "SELECT " + std::to_string(db) + " refused: " + reply_text(r[0].get()));
+}
+
+size_t send_run_id(int32_t, Handshake &h, redisContext *c)
+{
+    return queue(h, c, {"INFO", "server"});
+}
+
+bool accept_run_id(int32_t, Handshake &h, std::span<const Reply> r)
+{
+    std::string_view info =
+        r[0]->type == REDIS_REPLY_STRING ? std::string_view(r[0]->str, r[0]->len) : "";
+    size_t at = info.find("run_id:");
+    if (at == std::string_view::npos)
+        return fail(h, KX_MOM_EPROTO, "INFO server gave no run_id: " + reply_text(r[0].get()));
+    info.remove_prefix(at + 7);
+    h.run_id = std::string(info.substr(0, info.find_first_of("\r\n")));
     return true;
 }
 
-bool read_run_id(redisContext *c, std::string *run_id, Failure *fail)
+constexpr Step kSteps[] = {
+    {"AUTH", false, send_auth, accept_auth},
+    {"CONFIG GET databases", false, send_databases, accept_databases},
+    {"CONFIG GET notify-keyspace-events", false, send_notify_get, accept_notify_get},
+    {"CONFIG SET notify-keyspace-events", false, send_notify_set, accept_notify_set},
+    {"ACL DRYRUN", false, send_channel_probe, accept_channel_probe},
+    {"SELECT", false, send_select, accept_select},
+    {"INFO server", false, send_run_id, accept_run_id},
+    {"AUTH", true, send_auth, accept_auth},
+};
+
+// What a handshake under way waits for; `none` once it is done or has failed.
+enum class Wait { none, read, write };
+
+redisContext *in_use(const Handshake &h)
 {
-    Reply r = setup_command(c, {"INFO", "server"}, fail);
-    if (!r)
-        return false;
-    std::string_view info = r->type == REDIS_REPLY_STRING ? std::string_view(r->str, r->len) : "";
-    size_t at = info.find("run_id:");
-    if (at == std::string_view::npos) {
-        *fail = {KX_MOM_EPROTO, "INFO server gave no run_id: " + reply_text(r.get())};
-        return false;
+    return (kSteps[h.step].on_sub ? h.sub : h.cmd).get();
+}
+
+Wait io_failed(Handshake &h)
+{
+    std::string during = h.answered ? kSteps[h.step].name : "cannot connect";
+    fail(h, KX_MOM_ENOTCONN, during + ": " + io_failure(in_use(h)));
+    return Wait::none;
+}
+
+Wait timed_out(Handshake &h)
+{
+    fail(h, KX_MOM_ENOTCONN, std::string("no answer to ") + kSteps[h.step].name + " within " +
+                                 std::to_string(kHandshakeLimit.count() / 1000) + " s");
+    return Wait::none;
+}
+
+// Moves the handshake on as far as it goes without waiting for a socket.
+Wait advance(int32_t db, Handshake &h)
+{
+    for (; h.step < std::size(kSteps) && h.code == 0; ++h.step, h.sent = false) {
+        const Step &s = kSteps[h.step];
+        redisContext *c = in_use(h);
+        if (!h.sent) {
+            h.replies.clear();
+            h.expected = s.send(db, h, c);
+            h.sent = true;
+            if (h.code != 0)
+                break;
+        }
+        int written = 0;
+        if (redisBufferWrite(c, &written) != REDIS_OK)
+            return io_failed(h);
+        if (!written)
+            return Wait::write;
+        while (h.replies.size() < h.expected) {
+            void *r = nullptr;
+            if (redisGetReplyFromReader(c, &r) != REDIS_OK)
+                return io_failed(h);
+            if (!r)
+                return Wait::read;
+            h.replies.emplace_back(static_cast<redisReply *>(r));
+            h.answered = true;
+        }
+        if (h.expected > 0 && !s.accept(db, h, h.replies))
+            break;
     }
-    info.remove_prefix(at + 7);
-    *run_id = std::string(info.substr(0, info.find_first_of("\r\n")));
+    return Wait::none;
+}
+
+// The socket is ready for what the handshake waited for.
+Wait resume(int32_t db, Handshake &h, Wait waited)
+{
+    if (waited == Wait::read && redisBufferRead(in_use(h)) != REDIS_OK)
+        return io_failed(h);
+    return advance(db, h);
+}
+
+// kx_mom_client_connect_sync's handshake: poll() until it is done or the time is up.
+void handshake_now(int32_t db, Handshake &h)
+{
+    using Clock = std::chrono::steady_clock;
+    auto deadline = Clock::now() + kHandshakeLimit;
+    for (Wait w = advance(db, h); w != Wait::none; w = resume(db, h, w)) {
+        pollfd p{in_use(h)->fd, static_cast<short>(w == Wait::read ? POLLIN : POLLOUT), 0};
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        int n = left.count() > 0 ? poll(&p, 1, static_cast<int>(left.count())) : 0;
+        if (n == 0 || (n < 0 && errno != EINTR)) {
+            timed_out(h);
+            return;
+        }
+    }
+}
+
+bool make_blocking(redisContext *c)
+{
+    int flags = fcntl(c->fd, F_GETFL);
+    if (flags < 0 || fcntl(c->fd, F_SETFL, flags & ~O_NONBLOCK) < 0)
+        return false;
+    c->flags |= REDIS_BLOCK;
+    return redisSetTimeout(c, kCommandTimeout) == REDIS_OK;
+}
+
+// A command connection is silent while idle: anything readable then is the
+// server closing it (or a reply stream out of step, just as fatal).
+void on_command_readable(evutil_socket_t fd, short, void *arg)
+{
+    auto &d = *static_cast<Database *>(arg);
+    char byte;
+    ssize_t n = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+        return;
+    mark_down(d, n == 0   ? "command connection closed by the server"
+                 : n < 0 ? strerror(errno)
+                         : "unexpected data on the command connection");
+}
+
+// The handshake's connections become the database's: the command connection
+// blocking with the command timeout, the subscriber connection watched by the loop.
+bool install(Database &d, Handshake &h)
+{
+    event_base *base = d.global->base;
+    Event cmd_watch(event_new(base, h.cmd->fd, EV_READ | EV_PERSIST, on_command_readable, &d));
+    Event sub_read(event_new(base, h.sub->fd, EV_READ | EV_PERSIST, on_subscriber_readable, &d));
+    Event sub_write(event_new(base, h.sub->fd, EV_WRITE, on_subscriber_writable, &d));
+    if (!make_blocking(h.cmd.get()) || !cmd_watch || !sub_read || !sub_write ||
+        event_add(cmd_watch.get(), nullptr) != 0 || event_add(sub_read.get(), nullptr) != 0)
+        return fail(h, KX_MOM_ENOMEM, "cannot set up the connections");
+    d.endpoint = h.endpoint;
+    d.cmd = std::move(h.cmd);
+    d.sub = std::move(h.sub);
+    d.cmd_watch = std::move(cmd_watch);
+    d.sub_read = std::move(sub_read);
+    d.sub_write = std::move(sub_write);
+    d.run_id = h.run_id;
+    d.link = Link::up;
+    d.retry_ms = kFirstRetryMs;
+    d.retry_failure.clear();
+    ++d.epoch;
     return true;
 }
 
@@ -263,37 +466,70 @@ void arm(Database &d, int ms)
     evtimer_add(d.timer.get(), &tv);
 }
 
-// A command connection is silent while idle: anything readable then is the
-// server closing it (or a reply stream out of step, just as fatal).
-void on_command_readable(evutil_socket_t fd, short, void *arg)
+void reconnected(Database &d, const std::string &previous_run_id)
 {
-    auto &d = *static_cast<Database *>(arg);
-    char byte;
-    ssize_t n = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
-        return;
-    mark_down(d, n == 0   ? "command connection closed by the server"
-                 : n < 0 ? strerror(errno)
-                         : "unexpected data on the command connection");
-}
-
-void try_reconnect(Database &d)
-{
-    std::string previous = d.run_id;
-    int32_t rc = connect_database(d);
-    if (rc != 0) {
-        d.retry_ms = std::min(d.retry_ms * 2, kLastRetryMs);
-        arm(d, d.retry_ms);
-        return;
-    }
-    int32_t type = d.run_id == previous ? KX_MOM_RECONNECT_SAME : KX_MOM_RECONNECT_RESTARTED;
-    log("db %d: reconnected to %s (%s)", d.db, d.endpoint.text.c_str(),
-        type == KX_MOM_RECONNECT_SAME ? "same server run" : "the server restarted");
+    int32_t type =
+        d.run_id == previous_run_id ? KX_MOM_RECONNECT_SAME : KX_MOM_RECONNECT_RESTARTED;
+    KX_LOG(NOTICE, "db %d: reconnected to %s (%s)", d.db, d.endpoint.text.c_str(),
+           type == KX_MOM_RECONNECT_SAME ? "same server run" : "the server restarted");
     uint64_t epoch = d.epoch;
     if (d.on_reconnect)
         d.on_reconnect(d.global, d.db, type);
     if (d.epoch == epoch)
         resubscribe_all(d);
+}
+
+// A reconnect step has run: wait for its socket, or finish.
+void dial_on(Database &d, Wait w);
+
+void on_dial_io(evutil_socket_t, short what, void *arg)
+{
+    auto &d = *static_cast<Database *>(arg);
+    dial_on(d, resume(d.db, *d.dial, what & EV_READ ? Wait::read : Wait::write));
+}
+
+void on_dial_deadline(evutil_socket_t, short, void *arg)
+{
+    auto &d = *static_cast<Database *>(arg);
+    dial_on(d, timed_out(*d.dial));
+}
+
+void dial_on(Database &d, Wait w)
+{
+    Handshake &h = *d.dial;
+    if (w != Wait::none) {
+        short what = w == Wait::read ? EV_READ : EV_WRITE;
+        h.io.reset(event_new(d.global->base, in_use(h)->fd, what, on_dial_io, &d));
+        if (h.io && event_add(h.io.get(), nullptr) == 0)
+            return;
+        fail(h, KX_MOM_ENOMEM, "cannot watch the connection");
+    }
+    std::unique_ptr<Handshake> done = std::move(d.dial);
+    std::string previous_run_id = d.run_id;
+    if (done->code == 0)
+        install(d, *done);
+    if (done->code == 0) {
+        done.reset();
+        reconnected(d, previous_run_id);
+        return;
+    }
+    // A server that stays away for the same reason is reported once.
+    if (done->why != d.retry_failure)
+        KX_LOG(WARN, "db %d: reconnect failed: %s", d.db, done->why.c_str());
+    d.retry_failure = done->why;
+    d.retry_ms = std::min(d.retry_ms * 2, kLastRetryMs);
+    arm(d, d.retry_ms);
+}
+
+void start_dial(Database &d)
+{
+    d.dial = std::make_unique<Handshake>();
+    Handshake &h = *d.dial;
+    h.deadline.reset(evtimer_new(d.global->base, on_dial_deadline, &d));
+    timeval limit{kHandshakeLimit.count() / 1000, (kHandshakeLimit.count() % 1000) * 1000};
+    if (!h.deadline || evtimer_add(h.deadline.get(), &limit) != 0)
+        fail(h, KX_MOM_ENOMEM, "out of memory");
+    dial_on(d, h.code == 0 && open_handshake(d.db, h) ? advance(d.db, h) : Wait::none);
 }
 
 void on_timer(evutil_socket_t, short, void *arg)
@@ -307,13 +543,13 @@ void on_timer(evutil_socket_t, short, void *arg)
             arm(d, d.retry_ms);
         return;
     }
-    if (d.link == Link::down)
-        try_reconnect(d);
+    if (d.link == Link::down && !d.dial)
+        start_dial(d);
 }
 
 } // namespace
 
-void log(const char *fmt, ...)
+void log_at(int level, const char *func, int line, const char *fmt, ...)
 {
     char text[1024];
     va_list ap;
@@ -321,9 +557,11 @@ void log(const char *fmt, ...)
     vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
     // One write per line, so that lines of concurrent writers do not mix.
-    std::string line = std::string("kx_mom: ") + text + "\n";
-    fputs(line.c_str(), stderr);
+    std::string plain = std::string("kx_mom: ") + text + "\n";
+    fputs(plain.c_str(), stderr);
     fflush(stderr);
+    if (kx_zlog_category_t *sink = log_sink())
+        kxdf_zlog(sink, kUnit.data(), kUnit.size(), func, strlen(func), line, level, "%s", text);
 }
 
 Database *database(kx_global *global, int32_t db)
@@ -361,58 +599,21 @@ Database *up_database(kx_global *global, int32_t db, int32_t *code)
     return nullptr;
 }
 
-int32_t connect_database(Database &d)
-{
-    int32_t rc = endpoint_for(d.db, &d.endpoint);
-    if (rc != 0)
-        return rc;
-    Failure fail{0, ""};
-    Context cmd, sub;
-    std::string run_id;
-    bool ok = open_connection(d.endpoint, &cmd, &fail) && check_databases(cmd.get(), &fail) &&
-              check_notifications(cmd.get(), &fail) && select_db(cmd.get(), d.db, &fail) &&
-              read_run_id(cmd.get(), &run_id, &fail) &&
-              open_connection(d.endpoint, &sub, &fail);
-    Event cmd_watch, sub_read;
-    if (ok) {
-        cmd_watch.reset(event_new(d.global->base, cmd->fd, EV_READ | EV_PERSIST,
-                                  on_command_readable, &d));
-        sub_read.reset(event_new(d.global->base, sub->fd, EV_READ | EV_PERSIST,
-                                 on_subscriber_readable, &d));
-        if (!cmd_watch || !sub_read || event_add(cmd_watch.get(), nullptr) != 0 ||
-            event_add(sub_read.get(), nullptr) != 0)
-            fail = {KX_MOM_ENOMEM, "cannot watch the connections"}, ok = false;
-    }
-    if (!ok) {
-        // A retry that keeps failing for the same reason is reported once.
-        if (d.link != Link::down || !d.retry_logged)
-            log("db %d: %s: %s", d.db, d.endpoint.text.c_str(), fail.why.c_str());
-        d.retry_logged = d.link == Link::down;
-        return fail.code;
-    }
-    d.cmd = std::move(cmd);
-    d.sub = std::move(sub);
-    d.cmd_watch = std::move(cmd_watch);
-    d.sub_read = std::move(sub_read);
-    d.run_id = run_id;
-    d.link = Link::up;
-    d.retry_ms = kFirstRetryMs;
-    d.retry_logged = false;
-    ++d.epoch;
-    return 0;
-}
-
 void mark_down(Database &d, const char *why)
 {
     if (d.link != Link::up)
         return;
-    log("db %d: connection to %s lost: %s", d.db, d.endpoint.text.c_str(), why);
+    KX_LOG(WARN, "db %d: connection to %s lost: %s", d.db, d.endpoint.text.c_str(), why);
     d.link = Link::down;
     ++d.epoch;
     d.cmd_watch.reset();
     d.sub_read.reset();
+    d.sub_write.reset();
     d.cmd.reset();
     d.sub.reset();
+    // What was waiting for its confirmation is sent again after the reconnect.
+    for (Route *r : d.unconfirmed)
+        r->pending = false;
     d.unconfirmed.clear();
     d.disconnect_pending = true;
     arm(d, 0);
@@ -444,7 +645,7 @@ int32_t run_commands(Database &d, std::span<const Command> cmds, std::vector<Rep
     for (size_t i = 0; i < cmds.size(); ++i) {
         void *r = nullptr;
         if (redisGetReply(c, &r) != REDIS_OK) {
-            mark_down(d, c->errstr[0] ? c->errstr : "I/O error");
+            mark_down(d, io_failure(c).c_str());
             replies->clear();
             return KX_MOM_EIO;
         }
@@ -480,9 +681,16 @@ int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db)
     if (d->link == kx::Link::up)
         return 0;
     if (d->link == kx::Link::down)
-        return KX_MOM_ENOTCONN; // the retry timer is already at it
+        return KX_MOM_ENOTCONN; // the reconnect is already at it
     kx::ignore_sigpipe();
-    return kx::connect_database(*d);
+    kx::Handshake h;
+    if (kx::open_handshake(db, h))
+        kx::handshake_now(db, h);
+    if (h.code == 0)
+        kx::install(*d, h);
+    if (h.code != 0)
+        KX_LOG(ERROR, "db %d: %s", db, h.why.c_str());
+    return h.code;
 }
 
 int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db, kx_mom_disconnect_cb cb,

@@ -2,6 +2,17 @@
 // routes and the scans reading from it. Shared by kx_mom.cpp (the operations),
 // kx_mom_conn.cpp (connections, failure and reconnect) and kx_mom_sub.cpp
 // (subscriptions and notifications).
+//
+// Re-entrancy. libkx hands deliveries to callbacks in the middle of its own work
+// (dispatching a notification, delivering a scan batch, reading the subscriber
+// connection, finishing a reconnect), and a callback may make any call, one of
+// which may find the connection broken and drop it: mark_down frees both contexts
+// and their events. So code that holds a database's connection, its reply stream or
+// a batch read from it across anything that can run a callback or drop the
+// connection (deliver, a connection callback, run_command) notes `Database::epoch`
+// before and compares it after. Another value means that those connections are gone,
+// and perhaps new ones made: it stops there and touches nothing it held, leaving
+// the rest to the reconnect. Routes and ScanWork outlive connections and stay valid.
 #ifndef KX_MOM_STATE_H
 #define KX_MOM_STATE_H
 
@@ -22,6 +33,7 @@
 #include "kx_codec.h"
 #include "kx_internal.h"
 #include "kx_mom.h"
+#include "kx_zlog.h"
 
 namespace kx {
 
@@ -38,8 +50,11 @@ struct EventFree {
 };
 using Event = std::unique_ptr<event, EventFree>;
 
-// One line on stderr, "kx_mom: " first: the log sink belongs to the daemon.
-void log(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+// One diagnostic: a line on stderr ("kx_mom: " first), and a record of the unit
+// platform/kx in the process's log sink when it has made one (kx_zlog_init).
+void log_at(int level, const char *func, int line, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+#define KX_LOG(level, ...) ::kx::log_at(KX_ZLOG_LEVEL_##level, __func__, __LINE__, __VA_ARGS__)
 
 // Where a database lives (KX_MOM_ADDR_<db>, else KX_MOM_ADDR, else the default).
 struct Endpoint {
@@ -57,6 +72,7 @@ struct Route {
     std::string key;     // the record key or table glob, handed to the callback
     kx_mom_cb cb;
     void *privdata;
+    bool pending = false; // its (P)SUBSCRIBE is queued or sent, not yet answered
 };
 
 // A scan delivering records now; deletions made meanwhile through kx_mom_del_sync
@@ -78,26 +94,48 @@ struct ScanWork {
 
 enum class Link { never, up, down };
 
+// Opening a database's two connections and checking its server, step by step
+// (kx_mom_conn.cpp). Both connections stay non-blocking until it is done: the loop,
+// or poll() for kx_mom_client_connect_sync, waits for the sockets.
+struct Handshake {
+    Endpoint endpoint;
+    Context cmd;
+    Context sub;
+    size_t step = 0;        // the step under way
+    bool sent = false;      // its commands are queued
+    size_t expected = 0;    // replies it waits for
+    std::vector<Reply> replies;
+    bool answered = false;  // the server has replied to something
+    std::string notify;     // notify-keyspace-events as the server has it
+    std::string run_id;
+    int32_t code = 0;       // why it failed: the code and a line
+    std::string why;
+    Event io;               // the loop waiting for the socket in use
+    Event deadline;         // the loop's limit for the whole handshake
+};
+
 struct Database {
     kx_global *global = nullptr;
     int32_t db = 0;
     Endpoint endpoint;
     Link link = Link::never;
     uint64_t epoch = 0;       // changes whenever the connections are made or dropped
-    Context cmd;              // synchronous commands
-    Context sub;              // subscriptions, read from the loop
+    Context cmd;              // synchronous commands: blocking, with the command timeout
+    Context sub;              // subscriptions: non-blocking, read and written by the loop
     Event cmd_watch;          // notices the command connection closing while idle
     Event sub_read;
+    Event sub_write;          // added while the subscriber connection has output queued
     Event timer;              // the disconnect callback, then connection retries
     bool disconnect_pending = false;
-    bool retry_logged = false;
+    std::string retry_failure; // why the last reconnect failed: a repeat is not logged again
     int retry_ms = 0;
     std::string run_id;
     kx_mom_disconnect_cb on_disconnect = nullptr;
     kx_mom_reconnect_cb on_reconnect = nullptr;
     std::vector<std::unique_ptr<Route>> routes; // never removed before release
-    std::deque<Route *> unconfirmed;            // sent (P)SUBSCRIBEs, in order
+    std::deque<Route *> unconfirmed;            // pending routes, in the order sent
     std::vector<ScanWork *> scans;              // scans delivering from this db now
+    std::unique_ptr<Handshake> dial;            // the reconnect under way
 };
 
 // kx_mom_scan: the same work, one step per loop turn.
@@ -123,8 +161,6 @@ Database *database(kx_global *global, int32_t db);
 // The database when it is up, else nullptr with *code set (EINVAL or ENOTCONN).
 Database *up_database(kx_global *global, int32_t db, int32_t *code);
 
-// Opens both connections of `d` and checks the server; 0 or the code.
-int32_t connect_database(Database &d);
 // The database is down: drop its connections, then (from the loop) call its
 // disconnect callback and retry. Harmless when it is not up.
 void mark_down(Database &d, const char *why);
@@ -136,12 +172,17 @@ int append_command(redisContext *c, const Command &cmd);
 int32_t run_commands(Database &d, std::span<const Command> cmds, std::vector<Reply> *replies);
 int32_t run_command(Database &d, const Command &cmd, Reply *reply);
 
-// Sends (P)SUBSCRIBE for `route`; its confirmation brings cmd 29 from the loop.
-int32_t send_subscribe(Database &d, Route &route);
+// "__keyspace@<db>__:", what every channel of `db` starts with.
+std::string keyspace_prefix(int32_t db);
+// Queues (P)SUBSCRIBE for `route` unless it is pending already or the database is
+// down (the reconnect sends it); the loop writes it and delivers cmd 29 when the
+// server confirms. No I/O here: a broken connection shows in the loop.
+void send_subscribe(Database &d, Route &route);
 // After `d` came back: its routes again, then every route of every other db.
 void resubscribe_all(Database &d);
-// Reads the subscriber connection (the loop calls this when it is readable).
+// The loop's handlers of the subscriber connection.
 void on_subscriber_readable(evutil_socket_t fd, short what, void *arg);
+void on_subscriber_writable(evutil_socket_t fd, short what, void *arg);
 
 // Hands one delivery to a callback, logging a negative result.
 void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,

@@ -1,10 +1,16 @@
 // kx_mom subscriptions: SUBSCRIBE for one record, PSUBSCRIBE for a table, and
 // keyspace events turned into deliveries.
 //
-// The subscriber connection is a plain redisContext: the loop watches its
-// descriptor and the replies are taken from its reader as they come, so that a
-// confirmation (cmd 29) is always delivered from the loop. Notifications carry
-// only the event's name: the record is read now, on the command connection.
+// The subscriber connection is a plain non-blocking redisContext that only the loop
+// reads and writes: a (P)SUBSCRIBE is queued and written when the socket takes it,
+// replies are taken from its reader as they come, so that a confirmation (cmd 29)
+// is always delivered from the loop and nothing here ever waits for the server.
+// Notifications carry only the event's name: the record is read now, on the command
+// connection.
+//
+// A route is never lost: one asked for while the database is down, or whose
+// confirmation a lost connection took away, is sent when the database is back. One
+// already pending is not sent again, so each gets one confirmation per reconnect.
 #include <algorithm>
 #include <string>
 
@@ -41,11 +47,6 @@ Action action_for(std::string_view event, const ProtobufCMessageDescriptor *tabl
     return Action::ignore;
 }
 
-std::string keyspace_prefix(int32_t db)
-{
-    return "__keyspace@" + std::to_string(db) + "__:";
-}
-
 std::string_view text_of(const redisReply *r)
 {
     return r && (r->type == REDIS_REPLY_STRING || r->type == REDIS_REPLY_STATUS)
@@ -62,6 +63,7 @@ void confirm(Database &d, std::string_view channel, bool pattern)
         return;
     Route *route = *it;
     d.unconfirmed.erase(it);
+    route->pending = false;
     deliver(d.global, route->cb, route->privdata, d.db, route->table, KX_MOM_CMD_SUBSCRIBED,
             nullptr, route->key.c_str(), 0);
 }
@@ -74,7 +76,7 @@ Payload read_payload(Database &d, const ProtobufCMessageDescriptor *table, const
     std::string error;
     Message from_key(parse_key(table, key, &error));
     if (!from_key) {
-        log("db %d: notification skipped: %s", d.db, error.c_str());
+        KX_LOG(WARN, "db %d: notification skipped: %s", d.db, error.c_str());
         return p;
     }
     if (action == Action::deleted) {
@@ -118,9 +120,28 @@ void dispatch(Database &d, std::string_view channel, const redisReply *pattern,
     }
 }
 
-// One reply of the subscriber connection: a confirmation or a notification.
+// The server refused a (P)SUBSCRIBE (NOPERM for a channel the ACL user lacks):
+// replies come in the order sent, so it is the oldest one pending. The route stays
+// and is tried again after the next reconnect.
+void refused(Database &d, const redisReply *r)
+{
+    if (d.unconfirmed.empty()) {
+        KX_LOG(ERROR, "db %d: subscriber connection: the server said: %.*s", d.db,
+               static_cast<int>(r->len), r->str);
+        return;
+    }
+    Route *route = d.unconfirmed.front();
+    d.unconfirmed.pop_front();
+    route->pending = false;
+    KX_LOG(ERROR, "db %d: %s %s refused: %.*s", d.db, route->pattern ? "PSUBSCRIBE" : "SUBSCRIBE",
+           route->channel.c_str(), static_cast<int>(r->len), r->str);
+}
+
+// One reply of the subscriber connection: a confirmation, a refusal or a notification.
 void handle_push(Database &d, const redisReply *r)
 {
+    if (r->type == REDIS_REPLY_ERROR)
+        return refused(d, r);
     if (r->type != REDIS_REPLY_ARRAY || r->elements < 3)
         return;
     std::string_view kind = text_of(r->element[0]);
@@ -160,25 +181,33 @@ void on_subscriber_readable(evutil_socket_t, short, void *arg)
     }
 }
 
-int32_t send_subscribe(Database &d, Route &route)
+void on_subscriber_writable(evutil_socket_t, short, void *arg)
 {
-    if (d.link != Link::up)
-        return KX_MOM_ENOTCONN;
-    redisContext *c = d.sub.get();
+    auto &d = *static_cast<Database *>(arg);
     int done = 0;
-    if (append_command(c, {route.pattern ? "PSUBSCRIBE" : "SUBSCRIBE", route.channel}) !=
+    if (redisBufferWrite(d.sub.get(), &done) != REDIS_OK)
+        mark_down(d, d.sub->errstr);
+    else if (!done)
+        event_add(d.sub_write.get(), nullptr);
+}
+
+std::string keyspace_prefix(int32_t db)
+{
+    return "__keyspace@" + std::to_string(db) + "__:";
+}
+
+void send_subscribe(Database &d, Route &route)
+{
+    if (route.pending || d.link != Link::up)
+        return;
+    if (append_command(d.sub.get(), {route.pattern ? "PSUBSCRIBE" : "SUBSCRIBE", route.channel}) !=
         REDIS_OK) {
-        mark_down(d, "out of memory");
-        return KX_MOM_ENOMEM;
+        mark_down(d, "out of memory"); // the route goes out after the reconnect
+        return;
     }
-    while (!done) {
-        if (redisBufferWrite(c, &done) != REDIS_OK) {
-            mark_down(d, c->errstr);
-            return KX_MOM_EIO;
-        }
-    }
+    route.pending = true;
     d.unconfirmed.push_back(&route);
-    return 0;
+    event_add(d.sub_write.get(), nullptr);
 }
 
 void resubscribe_all(Database &d)
@@ -190,10 +219,9 @@ void resubscribe_all(Database &d)
     for (auto &[db, other] : d.global->mom->dbs)
         if (other.get() != &d)
             order.push_back(other.get());
-    for (Database *db : order) {
-        for (size_t i = 0; i < db->routes.size() && db->link == Link::up; ++i)
-            send_subscribe(*db, *db->routes[i]);
-    }
+    for (Database *db : order)
+        for (const auto &route : db->routes)
+            send_subscribe(*db, *route);
 }
 
 } // namespace kx
@@ -201,23 +229,26 @@ void resubscribe_all(Database &d)
 int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
                          kx_mom_cb cb, void *privdata)
 {
-    int32_t code = 0;
-    if (!kx::known_table(key) || !cb)
+    if (!kx::known_table(key) || !cb || !global || db < 0)
         return KX_MOM_EINVAL;
-    kx::Database *d = kx::up_database(global, db, &code);
+    kx::Database *d = kx::database(global, db);
     if (!d)
-        return code;
+        return KX_MOM_EINVAL;
+    if (d->link == kx::Link::never)
+        return KX_MOM_ENOTCONN; // nothing would ever bring it up
     std::string record;
     bool pattern = kx::selects_glob(key, &record);
     std::string channel = kx::keyspace_prefix(db) + record;
-    for (const auto &r : d->routes)
-        if (r->channel == channel && r->pattern == pattern && r->cb == cb &&
-            r->privdata == privdata)
-            return kx::send_subscribe(*d, *r);
-    d->routes.push_back(std::make_unique<kx::Route>(
-        kx::Route{key->descriptor, channel, pattern, record, cb, privdata}));
-    int32_t rc = kx::send_subscribe(*d, *d->routes.back());
-    if (rc != 0)
-        d->routes.pop_back();
-    return rc;
+    auto same = [&](const auto &r) {
+        return r->channel == channel && r->pattern == pattern && r->cb == cb &&
+               r->privdata == privdata;
+    };
+    auto it = std::find_if(d->routes.begin(), d->routes.end(), same);
+    if (it == d->routes.end()) {
+        d->routes.push_back(std::make_unique<kx::Route>(
+            kx::Route{key->descriptor, channel, pattern, record, cb, privdata}));
+        it = std::prev(d->routes.end());
+    }
+    kx::send_subscribe(*d, **it);
+    return 0;
 }

@@ -76,6 +76,7 @@ const Level *level_by_number(int number)
 // Categories live until the process ends, as zlog's do; keeping them here also
 // keeps them reachable for leak checkers. Like all of libkx, used from one thread.
 std::vector<std::unique_ptr<kx_zlog_category>> registry;
+kx_zlog_category *libkx_sink = nullptr; // see kx::log_sink
 
 struct Config {
     std::optional<std::string> output;
@@ -270,6 +271,8 @@ kx_zlog_category_t *kx_zlog_init(const char *module)
     cat->level = cfg->level;
     if (!open_output(*cat, output, module))
         return nullptr;
+    if (!libkx_sink && cat->output != kx_zlog_category::Output::stderr_stream)
+        libkx_sink = cat.get();
     registry.push_back(std::move(cat));
     return registry.back().get();
 }
@@ -285,6 +288,11 @@ void kx::zlog_reopen()
         else
             close(std::exchange(cat->fd, fd));
     }
+}
+
+kx_zlog_category_t *kx::log_sink()
+{
+    return libkx_sink;
 }
 
 void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, const char *func,

@@ -1,8 +1,10 @@
 // The built daemon against a private redis-server: it connects and reaches its loop,
 // refuses a second instance, ends on SIGTERM, exits 77 when the server restarts under
-// it, reconnects after its connections are killed, stops with the connect code without
-// a server, and subscribes its dependency modules in bucket order until all are ready.
+// it, reconnects after its connections are killed (libkx saying why in its log), stays
+// responsive while the server is stopped, stops with the connect code without a
+// server, and subscribes its dependency modules in bucket order until all are ready.
 #include <algorithm>
+#include <chrono>
 #include <functional>
 #include <csignal>
 #include <map>
@@ -40,16 +42,16 @@ protected:
         ASSERT_TRUE(wait_for([&] { return count("main", "ERROR connect cap_db success") == 1; })) << log();
     }
     std::string log() const { return read_file(log_); }
-    // "LEVEL text" of each line the daemon proper wrote from `func`; a line reads
-    // "date time LEVEL [pid:app/vek_cap/vek_cap:func:line] text".
-    Lines lines(const std::string &func) const
+    // "LEVEL text" of each line the daemon proper (or `unit`) wrote from `func`; a line
+    // reads "date time LEVEL [pid:app/vek_cap/vek_cap:func:line] text".
+    Lines lines(const std::string &func, const std::string &unit = "app/vek_cap/vek_cap") const
     {
-        static const std::regex line("\\S+ \\S+ (\\w+) \\[[0-9]+:app/vek_cap/vek_cap:(\\w+):[0-9]+\\] (.*)");
+        static const std::regex line("\\S+ \\S+ (\\w+) \\[[0-9]+:([\\w/]+):(\\w+):[0-9]+\\] (.*)");
         Lines out;
         std::istringstream in(log());
         for (std::string text; std::getline(in, text);)
-            if (std::smatch m; std::regex_match(text, m, line) && m[2] == func)
-                out.push_back(m[1].str() + " " + m[3].str());
+            if (std::smatch m; std::regex_match(text, m, line) && m[2] == unit && m[3] == func)
+                out.push_back(m[1].str() + " " + m[4].str());
         return out;
     }
     long count(const std::string &func, const std::string &line) const { return std::ranges::count(lines(func), line); }
@@ -84,8 +86,36 @@ TEST_F(Daemon, KilledConnectionsComeBackAndItRunsOn)
         EXPECT_TRUE(wait_for([&] {
             return count("vek_cap_reconnect_db", std::string("ERROR reconnect set db ") + db + " state") > 0;
         })) << db << "\n" << log();
+    EXPECT_THAT(lines("mark_down", "platform/kx"), testing::Contains(testing::MatchesRegex(
+        "WARN db 3: connection to " + redis_.addr() + " lost: (subscriber|command) connection closed by the server")));
     daemon_->signal(SIGTERM);
     EXPECT_EQ(daemon_->wait(), 0);
+}
+
+// The server stopped just after the connections were killed: libkx's reconnects find a
+// server that takes connections and never answers, and the shell and SIGTERM still work.
+TEST_F(Daemon, UnderAStoppedServerTheShellAnswersAndSigtermEndsIt)
+{
+    using Clock = std::chrono::steady_clock;
+    start();
+    const std::string info = redis_.cli(0, {"INFO", "server"});
+    const pid_t server = std::stoi(info.substr(info.find("process_id:") + 11));
+    redis_.cli(0, {"CLIENT", "KILL", "TYPE", "normal"});
+    kill(server, SIGSTOP);
+    // The shell, asked again and again until a reconnect has given up on the server.
+    const std::regex failed("WARN db (3|1|28): reconnect failed: .*: no answer to .* within 2 s");
+    for (const auto until = Clock::now() + 10s;
+         std::ranges::none_of(lines("dial_on", "platform/kx"), [&](auto &l) { return std::regex_match(l, failed); });) {
+        ASSERT_LT(Clock::now(), until) << log();
+        const auto asked = Clock::now();
+        ASSERT_EQ(run({SSAT_BIN, "vek_cap", "help"}, {{"KX_ROOT", root_.path()}}).status, 0);
+        ASSERT_LT(Clock::now() - asked, 500ms);
+    }
+    const auto asked = Clock::now();
+    daemon_->signal(SIGTERM);
+    EXPECT_EQ(daemon_->wait(), 0);
+    EXPECT_LT(Clock::now() - asked, 3s);
+    kill(server, SIGCONT);
 }
 
 TEST_F(Daemon, WithoutRedisItStopsWithTheConnectCode)

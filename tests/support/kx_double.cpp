@@ -24,6 +24,7 @@ struct State {
     std::vector<std::string> calls;
     std::deque<std::function<void()>> queue;
     std::vector<Subscription> subs;
+    std::vector<Subscription> unconfirmed; // a cmd 29 of theirs is in the queue
     std::vector<std::pair<Fault, int>> faults; // with the matching calls seen so far
     std::vector<std::string> logs; // as log_briefs() shows them
     std::map<std::string, std::pair<ssat_fn, ssat_thunk>, std::less<>> commands;
@@ -144,6 +145,19 @@ void deliver_record(const Subscription &to, const std::string &key, bool deleted
         deliver(to, key, deleted ? KX_MOM_CMD_DEL : KX_MOM_CMD_SET, rec.get());
 }
 
+// Queues cmd 29 for `sub` unless one is on its way: as libkx does not send a route again
+// while its confirmation is pending. One for a database that goes down is lost with it.
+void confirm(const Subscription &sub)
+{
+    if (std::ranges::find(s.unconfirmed, sub) != s.unconfirmed.end())
+        return;
+    s.unconfirmed.push_back(sub);
+    s.queue.push_back([sub] {
+        std::erase(s.unconfirmed, sub);
+        deliver(sub, sub.selection, KX_MOM_CMD_SUBSCRIBED, nullptr);
+    });
+}
+
 void notify(int32_t db, const std::string &key, bool deleted)
 {
     for (const Subscription &sub : s.subs)
@@ -223,7 +237,7 @@ void reconnect(int32_t db, int32_t type)
         if (auto cb = s.on_up[db])
             cb(&s.global, db, type);
         for (const Subscription &sub : s.subs)
-            s.queue.push_back([sub] { deliver(sub, sub.selection, KX_MOM_CMD_SUBSCRIBED, nullptr); });
+            confirm(sub);
     });
 }
 
@@ -294,16 +308,21 @@ int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db, kx_mom_r
                   [&] { s.on_up[db] = cb; return 0; });
 }
 
+// A route asked for while its database is down is kept, and confirmed by the reconnect.
 int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
                          kx_mom_cb cb, void *privdata)
 {
-    return status(line("kx_mom_subscribe", db, key, true), db, valid(global, db, key) && cb, [&] {
-        Subscription sub{db, selection(key), cb, privdata};
-        if (std::find(s.subs.begin(), s.subs.end(), sub) == s.subs.end())
-            s.subs.push_back(sub);
-        s.queue.push_back([sub] { deliver(sub, sub.selection, KX_MOM_CMD_SUBSCRIBED, nullptr); });
-        return 0;
-    });
+    const Fault *f = called(line("kx_mom_subscribe", db, key, true));
+    if (!valid(global, db, key) || !cb)
+        return KX_MOM_EINVAL;
+    if (f)
+        return f->rc;
+    Subscription sub{db, selection(key), cb, privdata};
+    if (std::ranges::find(s.subs, sub) == s.subs.end())
+        s.subs.push_back(sub);
+    if (!s.down.count(db))
+        confirm(sub);
+    return 0;
 }
 
 int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
