@@ -1,13 +1,16 @@
 // kx_mom operations: reads, writes, deletions and scans on the command connection.
 //
-// A scan lists the table's keys with SCAN MATCH to the end (the server may give a
-// key twice: the list is sorted and made unique), then reads them in pipelined
-// batches and delivers each record still present. Nothing is delivered while a
-// batch is being read, so callbacks are free to make any synchronous call on any
-// database, including deleting records of the table being scanned and nested scans.
+// A scan lists the table's keys with SCAN MATCH a page at a time and reads each page's
+// keys in batches, one script call per batch, delivering each record still present.
+// Nothing is delivered while a batch is being read, so callbacks are free to make any
+// synchronous call on any database, including deleting records of the table being
+// scanned and nested scans.
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <utility>
+
+#include <xxhash.h>
 
 #include "kx_codec.h"
 #include "kx_mom_state.h"
@@ -16,7 +19,7 @@ namespace kx {
 
 namespace {
 
-constexpr const char *kScanPageSize = "1000";
+constexpr const char *kScanPageSize = "500";
 constexpr size_t kReadBatch = 256;
 
 int32_t server_refused(int32_t db, const std::string &key, const redisReply *r)
@@ -34,20 +37,31 @@ int32_t run_write(Database &d, const std::string &key, const Command &cmd)
     return rc == 0 && r->type == REDIS_REPLY_ERROR ? server_refused(d.db, key, r.get()) : rc;
 }
 
-// A record is read by a script that checks its size on the server first, so that an
-// oversized value never crosses the connection and the read stays one round trip. It
-// gives the value (GET) or the hash's fields (HGETALL), nil or an empty array when the
-// record is missing, or the size when it is beyond the bound of the table (ARGV[1]).
+// Records are read by a script that checks each one's size on the server first, so
+// that an oversized value never crosses the connection; one call reads a whole batch.
+// For each key it gives the value (GET) or the hash's fields (HGETALL), nil or an empty
+// array when the record is missing, the size when it is beyond the table's bound
+// (ARGV[1]), or the server's error for that key alone (WRONGTYPE).
 constexpr const char *kReadWhole = "#!lua flags=no-writes\n"
-                                   "local n = redis.call('STRLEN', KEYS[1])\n"
-                                   "if n > tonumber(ARGV[1]) then return n end\n"
-                                   "return redis.call('GET', KEYS[1])";
+                                   "local limit, out = tonumber(ARGV[1]), {}\n"
+                                   "for i, k in ipairs(KEYS) do\n"
+                                   "  local n = redis.pcall('STRLEN', k)\n"
+                                   "  if type(n) == 'table' or n > limit then out[i] = n\n"
+                                   "  else out[i] = redis.call('GET', k) end\n"
+                                   "end\n"
+                                   "return out";
 constexpr const char *kReadHash = "#!lua flags=no-writes\n"
-                                  "local h = redis.call('HGETALL', KEYS[1])\n"
-                                  "local n = 0\n"
-                                  "for _, s in ipairs(h) do n = n + #s end\n"
-                                  "if n > tonumber(ARGV[1]) then return n end\n"
-                                  "return h";
+                                  "local limit, out = tonumber(ARGV[1]), {}\n"
+                                  "for i, k in ipairs(KEYS) do\n"
+                                  "  local h = redis.pcall('HGETALL', k)\n"
+                                  "  if h.err == nil then\n"
+                                  "    local n = 0\n"
+                                  "    for _, s in ipairs(h) do n = n + #s end\n"
+                                  "    if n > limit then h = n end\n"
+                                  "  end\n"
+                                  "  out[i] = h\n"
+                                  "end\n"
+                                  "return out";
 
 // The hash result from the read of a hash record: no obj and error_code 0 when the
 // record is missing; nullptr (logged) only when memory runs out for the result itself.
@@ -130,6 +144,36 @@ private:
     ScanWork &w_;
 };
 
+// Keys that do not parse are skipped with a warning: they are not records.
+bool valid_key(const Database &d, const ScanWork &w, const std::string &key)
+{
+    std::string error;
+    Message record(parse_key(w.table, key, &error));
+    if (!record)
+        KX_LOG(WARN, "db %d: scan skips %s", d.db, error.c_str());
+    return record != nullptr;
+}
+
+// Takes the keys of one SCAN page that were not taken before.
+void take_page(const Database &d, ScanWork &w, const redisReply *keys)
+{
+    std::vector<std::pair<uint64_t, std::string_view>> page;
+    for (size_t i = 0; i < keys->elements; ++i)
+        if (const redisReply *k = keys->element[i]; k->type == REDIS_REPLY_STRING)
+            page.emplace_back(XXH3_64bits(k->str, k->len), std::string_view(k->str, k->len));
+    std::ranges::sort(page);
+    const size_t before = w.seen.size();
+    for (size_t i = 0; i < page.size(); ++i) {
+        auto [hash, key] = page[i];
+        if ((i > 0 && page[i - 1].first == hash) || std::ranges::binary_search(w.seen.begin(), w.seen.begin() + before, hash))
+            continue;
+        w.seen.push_back(hash);
+        if (std::string k(key); valid_key(d, w, k))
+            w.pending.push_back(std::move(k));
+    }
+    std::inplace_merge(w.seen.begin(), w.seen.begin() + before, w.seen.end());
+}
+
 int32_t list_step(Database &d, ScanWork &w)
 {
     Reply r;
@@ -144,40 +188,19 @@ int32_t list_step(Database &d, ScanWork &w)
         return KX_MOM_EPROTO;
     }
     w.cursor.assign(r->element[0]->str, r->element[0]->len);
-    const redisReply *keys = r->element[1];
-    for (size_t i = 0; i < keys->elements; ++i)
-        if (keys->element[i]->type == REDIS_REPLY_STRING)
-            w.keys.emplace_back(keys->element[i]->str, keys->element[i]->len);
-    if (w.cursor == "0") {
-        std::sort(w.keys.begin(), w.keys.end());
-        w.keys.erase(std::unique(w.keys.begin(), w.keys.end()), w.keys.end());
-        w.listed = true;
-    }
+    take_page(d, w, r->element[1]);
+    w.listed = w.cursor == "0";
     return 0;
-}
-
-// Keys that do not parse are skipped with a warning: they are not records.
-bool valid_key(const Database &d, const ScanWork &w, const std::string &key)
-{
-    std::string error;
-    Message record(parse_key(w.table, key, &error));
-    if (!record)
-        KX_LOG(WARN, "db %d: scan skips %s", d.db, error.c_str());
-    return record != nullptr;
 }
 
 int32_t read_step(Database &d, ScanWork &w)
 {
-    std::vector<std::string> batch;
-    std::vector<Command> reads;
-    for (; w.next < w.keys.size() && batch.size() < kReadBatch; ++w.next)
-        if (valid_key(d, w, w.keys[w.next]))
-            batch.push_back(std::move(w.keys[w.next]));
-    for (const std::string &key : batch)
-        reads.push_back(read_command(w.table, key));
-    std::vector<Reply> replies;
-    int32_t rc = run_commands(d, reads, &replies);
-    if (rc != 0)
+    const size_t n = std::min(w.pending.size(), kReadBatch);
+    std::vector<std::string> batch(std::make_move_iterator(w.pending.begin()),
+                                   std::make_move_iterator(w.pending.begin() + n));
+    w.pending.erase(w.pending.begin(), w.pending.begin() + n);
+    Reply r;
+    if (int32_t rc = run_command(d, read_command(w.table, batch), &r); rc != 0)
         return rc;
     w.deleted.clear();
     DeliveringScan delivering(d, w);
@@ -188,25 +211,25 @@ int32_t read_step(Database &d, ScanWork &w)
         const std::string &key = batch[i];
         if (w.deleted.count(key))
             continue;
-        Payload p = payload_from_reply(d.db, key, w.table, replies[i].get(), KX_MOM_CMD_HSET);
+        Payload p = payload_from_reply(d.db, key, w.table, read_result(r.get(), i), KX_MOM_CMD_HSET);
         if (p.cmd != 0)
             deliver(w.global, w.cb, w.privdata, d.db, w.table, p.cmd, p.data(), key.c_str(), 0);
     }
     return d.epoch == epoch ? 0 : KX_MOM_EIO;
 }
 
-// One SCAN page while listing, then one batch of reads and their deliveries.
-// 1 while there is more to do, 0 at the end, or the error.
+// One batch of reads and their deliveries while keys are pending, else the next SCAN
+// page. 1 while there is more to do, 0 at the end, or the error.
 int32_t scan_step(ScanWork &w)
 {
     int32_t code = 0;
     Database *d = up_database(w.global, w.db, &code);
     if (!d)
         return code;
-    int32_t rc = w.listed ? read_step(*d, w) : list_step(*d, w);
+    int32_t rc = w.pending.empty() ? list_step(*d, w) : read_step(*d, w);
     if (rc != 0)
         return rc;
-    return !w.listed || w.next < w.keys.size() ? 1 : 0;
+    return !w.listed || !w.pending.empty() ? 1 : 0;
 }
 
 int32_t start_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key, kx_mom_cb cb,
@@ -223,7 +246,7 @@ int32_t start_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
     w->cb = cb;
     w->privdata = privdata;
     if (!selects_glob(key, &w->glob)) {
-        w->keys.push_back(w->glob);
+        w->pending.push_back(w->glob);
         w->listed = true;
     }
     return 0;
@@ -278,10 +301,24 @@ bool selects_glob(const ProtobufCMessage *key, std::string *match)
     return glob;
 }
 
-Command read_command(const ProtobufCMessageDescriptor *table, const std::string &key)
+Command read_command(const ProtobufCMessageDescriptor *table, std::span<const std::string> keys)
 {
-    return {"EVAL", stored_whole(table) ? kReadWhole : kReadHash, "1", key,
-            value_limit(table).text};
+    // The key count as text, for the commands' string views to point at.
+    static const auto counts = [] {
+        std::array<std::string, kReadBatch + 1> texts;
+        for (size_t i = 0; i < texts.size(); ++i)
+            texts[i] = std::to_string(i);
+        return texts;
+    }();
+    Command cmd = {"EVAL", stored_whole(table) ? kReadWhole : kReadHash, counts.at(keys.size())};
+    cmd.insert(cmd.end(), keys.begin(), keys.end());
+    cmd.push_back(value_limit(table).text);
+    return cmd;
+}
+
+const redisReply *read_result(const redisReply *reply, size_t i)
+{
+    return reply->type == REDIS_REPLY_ARRAY && i < reply->elements ? reply->element[i] : reply;
 }
 
 Payload payload_from_reply(int32_t db, const std::string &key,
@@ -337,13 +374,14 @@ void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *k
         return nullptr;
     std::string k = kx::record_key(key);
     kx::Reply r;
-    code = kx::run_command(*d, kx::read_command(key->descriptor, k), &r);
+    code = kx::run_command(*d, kx::read_command(key->descriptor, {&k, 1}), &r);
     if (code != 0)
         return nullptr;
     // A missing record is no object and no error: the caller's "no record" path.
+    const redisReply *result = kx::read_result(r.get(), 0);
     if (kx::stored_whole(key->descriptor))
-        return kx::whole_from_reply(db, k, key->descriptor, r.get(), &code);
-    kx::HashRes res(kx::hash_from_reply(db, k, key->descriptor, r.get()));
+        return kx::whole_from_reply(db, k, key->descriptor, result, &code);
+    kx::HashRes res(kx::hash_from_reply(db, k, key->descriptor, result));
     code = res ? res->error_code : KX_MOM_ENOMEM;
     return res ? std::exchange(res->obj, nullptr) : nullptr;
 }
@@ -357,9 +395,9 @@ kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
         return nullptr;
     std::string k = kx::record_key(key);
     kx::Reply r;
-    if (kx::run_command(*d, kx::read_command(key->descriptor, k), &r) != 0)
+    if (kx::run_command(*d, kx::read_command(key->descriptor, {&k, 1}), &r) != 0)
         return nullptr;
-    return kx::hash_from_reply(db, k, key->descriptor, r.get());
+    return kx::hash_from_reply(db, k, key->descriptor, kx::read_result(r.get(), 0));
 }
 
 int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *record,

@@ -75,18 +75,23 @@ struct Route {
     bool pending = false; // its (P)SUBSCRIBE is queued or sent, not yet answered
 };
 
-// A scan delivering records now; deletions made meanwhile through kx_mom_del_sync
-// on its database are noted so that a record already read is not delivered after
-// a callback deleted it.
+// A scan delivering records now, one SCAN page at a time: the page's keys not taken
+// before are read in batches and delivered, then the next page is listed, so that a
+// scan holds one page of keys, not the whole table. The server may give a key on two
+// pages; `seen` (the 64-bit hashes of the keys taken, sorted) drops the repeat. Two keys
+// of one table hashing alike would lose a delivery: at 100,000 keys the chance is below
+// one in 10^9 per scan. Deletions made meanwhile through kx_mom_del_sync on its
+// database are noted so that a record already read is not delivered after a callback
+// deleted it.
 struct ScanWork {
     kx_global *global = nullptr;
     int32_t db = 0;
     const ProtobufCMessageDescriptor *table = nullptr;
-    std::string glob;           // what the listing matches, or the one key
-    bool listed = false;        // true once `keys` is complete
+    std::string glob;            // what the listing matches, or the one key
+    bool listed = false;         // true once SCAN is back at cursor 0 (or one key is taken)
     std::string cursor = "0";
-    std::vector<std::string> keys;
-    size_t next = 0;            // first key not yet read
+    std::deque<std::string> pending; // keys taken, not yet read
+    std::vector<uint64_t> seen;
     kx_mom_cb cb = nullptr;
     void *privdata = nullptr;
     std::unordered_set<std::string> deleted;
@@ -193,8 +198,12 @@ void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
 // A single-record table has one key: it is followed like one record.
 bool selects_glob(const ProtobufCMessage *key, std::string *match);
 
-// The command reading record `key` of `table` now (GET or HGETALL, bounded).
-Command read_command(const ProtobufCMessageDescriptor *table, const std::string &key);
+// The command reading records `keys` of `table` now (GET or HGETALL, each bounded), one
+// script for them all: its reply is an array with one element per key.
+Command read_command(const ProtobufCMessageDescriptor *table, std::span<const std::string> keys);
+// The element of `reply` (to read_command) about the i-th key; the reply itself when the
+// whole read failed (an error, an unexpected reply), so that every key gets that.
+const redisReply *read_result(const redisReply *reply, size_t i);
 
 // A record read now, as delivered: the decoded record with KX_MOM_CMD_SET for
 // the whole-value table, else the hash result with `hash_cmd` (also when it

@@ -85,9 +85,9 @@ Payload read_payload(Database &d, const ProtobufCMessageDescriptor *table, const
         return p;
     }
     Reply r;
-    if (run_command(d, read_command(table, key), &r) != 0)
+    if (run_command(d, read_command(table, {&key, 1}), &r) != 0)
         return p;
-    return payload_from_reply(d.db, key, table, r.get(),
+    return payload_from_reply(d.db, key, table, read_result(r.get(), 0),
                               action == Action::changed ? KX_MOM_CMD_HSET : KX_MOM_CMD_HDEL);
 }
 

@@ -109,7 +109,8 @@ int32_t add_delivery(kx_global_t *, kx_mom_msg *m, void *out)
 {
     auto *res = static_cast<kx_mom_hash_res *>(m->data);
     std::string what = m->cmd == KX_MOM_CMD_HSET ? describe(res) : describe(m->data);
-    *static_cast<std::string *>(out) += std::to_string(m->cmd) + " " + m->key + ": " + what + "; ";
+    static_cast<std::vector<std::string> *>(out)->push_back(std::to_string(m->cmd) + " " + m->key + ": " +
+                                                           what + "; ");
     return 0;
 }
 
@@ -128,7 +129,6 @@ std::string run(kx_global_t *g, const Call &c)
     kx::Message rec = c.key.empty() || c.key == "?" ? nullptr : record(c.key, c.fields);
     const ProtobufCMessage *key = c.key == "?" ? &unknown.base : rec.get();
     int32_t error = 7, n = c.len ? c.len : static_cast<int32_t>(c.tags.size());
-    std::string out;
     if (c.op == "hmset")
         return std::to_string(
             kx_mom_hmset_sync(g, c.db, key, c.tags.empty() ? nullptr : c.tags.data(), n));
@@ -136,8 +136,14 @@ std::string run(kx_global_t *g, const Call &c)
         return std::to_string(kx_mom_del_sync(g, c.db, key));
     if (c.op == "hgetall")
         return describe(kx::HashRes(kx_mom_hgetall_sync(g, c.db, key)).get());
-    if (c.op == "scan")
-        return std::to_string(kx_mom_scan_sync(g, c.db, key, 0, add_delivery, &out)) + " " + out;
+    if (c.op == "scan") { // in key order: the store's order is its own
+        std::vector<std::string> got;
+        std::string out = std::to_string(kx_mom_scan_sync(g, c.db, key, 0, add_delivery, &got)) + " ";
+        std::ranges::sort(got);
+        for (const std::string &one : got)
+            out += one;
+        return out;
+    }
     kx::Message obj(static_cast<ProtobufCMessage *>(
         kx_mom_get_sync(g, c.db, key, c.op == "get" ? &error : nullptr)));
     return (c.op == "get" ? std::to_string(error) + " " : "") + describe(obj.get());
