@@ -84,7 +84,8 @@ long long ms_since(Clock::time_point t)
 
 void nap(std::chrono::milliseconds d)
 {
-    timespec ts{static_cast<time_t>(d.count() / 1000), static_cast<long>(d.count() % 1000) * 1000000};
+    timespec ts{static_cast<time_t>(d.count() / 1000),
+                static_cast<long>(d.count() % 1000) * 1000000};
     nanosleep(&ts, nullptr); // a signal cuts it short, which is what the callers want
 }
 
@@ -287,7 +288,17 @@ Records expected_records(const std::vector<Card> &cards)
 }
 
 // One step of a card's boot. `a` is the entry, module or subcard, `b` a subcard's entry.
-enum class Step { start, identity, devid, entry, ready, module, subcard_entry, subcard_state, kill };
+enum class Step {
+    start,
+    identity,
+    devid,
+    entry,
+    ready,
+    module,
+    subcard_entry,
+    subcard_state,
+    kill
+};
 
 struct Input {
     int card; // index into the cards
@@ -312,7 +323,8 @@ std::vector<Input> boot_order(const std::vector<Card> &cards, const Options &o, 
             in.push_back({i, Step::module, m});
         for (int s = 0; s < static_cast<int>(c.subcards.size()); ++s) {
             in.push_back({i, Step::subcard_state, s});
-            for (int j = 0; j < static_cast<int>(c.subcards[static_cast<size_t>(s)].entries.size()); ++j)
+            for (int j = 0; j < static_cast<int>(c.subcards[static_cast<size_t>(s)].entries.size());
+                 ++j)
                 in.push_back({i, Step::subcard_entry, s, j});
         }
     }
@@ -329,8 +341,11 @@ std::vector<Input> boot_order(const std::vector<Card> &cards, const Options &o, 
             std::swap(in[gate], in[last]);
     };
     for (int i = 0; i < static_cast<int>(cards.size()); ++i) {
-        gate_last([i](const Input &x) { return x.card == i && (x.step == Step::entry || x.step == Step::ready); },
-                  [](const Input &x) { return x.step == Step::ready; });
+        gate_last(
+            [i](const Input &x) {
+                return x.card == i && (x.step == Step::entry || x.step == Step::ready);
+            },
+            [](const Input &x) { return x.step == Step::ready; });
         for (int s = 0; s < o.subcards; ++s)
             gate_last(
                 [i, s](const Input &x) {
@@ -395,7 +410,8 @@ public:
             std::vector<size_t> lens;
             for (const std::string &a : args)
                 argv.push_back(a.data()), lens.push_back(a.size());
-            redisAppendCommandArgv(ctx_.get(), static_cast<int>(argv.size()), argv.data(), lens.data());
+            redisAppendCommandArgv(ctx_.get(), static_cast<int>(argv.size()), argv.data(),
+                                   lens.data());
         }
         std::vector<Reply> replies;
         for (size_t i = 0; i < all.size(); ++i) {
@@ -473,7 +489,7 @@ std::optional<Records> read_all(Redis &r, int db, std::string *why)
 struct Child {
     std::string name; // "global redis-server", "card 3 vek_cap"...
     pid_t pid = -1;
-    int status = -1;      // the last wait status
+    int status = -1;       // the last wait status
     bool stopping = false; // its end was asked for
 };
 
@@ -547,13 +563,17 @@ struct CardRun {
 class Chassis {
 public:
     Chassis(const Options &o, const std::vector<Card> &cards, std::string dir)
-        : o_(o), dir_(std::move(dir)), global_sock_(dir_ + "/global/redis.sock"), monitor_(global_sock_)
+        : o_(o), dir_(std::move(dir)), global_sock_(dir_ + "/global/redis.sock"),
+          monitor_(global_sock_)
     {
         global_.name = "the global redis-server";
         for (const Card &c : cards) {
             std::string root = dir_ + "/card" + std::to_string(c.number);
             std::string name = "card " + std::to_string(c.number) + "'s ";
-            runs_.push_back({&c, root, {name + "redis-server"}, {name + "vek_cap"},
+            runs_.push_back({&c,
+                             root,
+                             {name + "redis-server"},
+                             {name + "vek_cap"},
                              Redis(root + "/redis.sock")});
         }
     }
@@ -571,7 +591,10 @@ public:
     bool play(const std::vector<Input> &inputs, std::string *why);
     bool restart_global();
     void reap();
-    std::optional<Records> read_global(std::string *why) { return read_all(monitor_, global_db, why); }
+    std::optional<Records> read_global(std::string *why)
+    {
+        return read_all(monitor_, global_db, why);
+    }
     int daemon_exits_77() const { return exits_77_; }
     bool broken() const { return broken_; }
     void detach(); // leaves every child running
@@ -608,9 +631,9 @@ bool Chassis::start_redis(Child &c, const std::string &dir)
     else // what the store needs, as the deployment's snippet has it
         argv.insert(argv.end(), {"--databases", "32", "--notify-keyspace-events", "Kgh$xe",
                                  "--client-output-buffer-limit", "pubsub 0 0 0"});
-    argv.insert(argv.end(), {"--port", "0", "--unixsocket", dir + "/redis.sock", "--unixsocketperm",
-                             "700", "--save", "", "--appendonly", "no", "--dir", dir,
-                             "--loglevel", "warning"});
+    argv.insert(argv.end(),
+                {"--port", "0", "--unixsocket", dir + "/redis.sock", "--unixsocketperm", "700",
+                 "--save", "", "--appendonly", "no", "--dir", dir, "--loglevel", "warning"});
     c.pid = spawn(argv, child_env({}), dir + "/redis.log", group_, !o_.keep);
     c.stopping = false;
     if (c.pid < 0) {
@@ -666,8 +689,9 @@ bool Chassis::start_servers()
 
 void Chassis::start_daemon(CardRun &r)
 {
-    std::vector<std::string> env = child_env({"KX_ROOT=" + r.root, "KX_MOM_ADDR=unix:" + r.root + "/redis.sock",
-                                              "KX_MOM_ADDR_28=unix:" + global_sock_});
+    std::vector<std::string> env =
+        child_env({"KX_ROOT=" + r.root, "KX_MOM_ADDR=unix:" + r.root + "/redis.sock",
+                   "KX_MOM_ADDR_28=unix:" + global_sock_});
     r.daemon.pid = spawn({o_.daemon}, env, r.root + "/vek_cap.out", group_, !o_.keep);
     r.daemon.stopping = false;
     if (r.daemon.pid < 0)
@@ -693,8 +717,8 @@ void Chassis::ended(Child &c, int status)
         if (!exit_77 && !killed)
             fault(c.name + " " + describe(status) + " (see " + r.root + "/var/log/vek_cap.log)");
         if (++r.restarts > restart_limit) {
-            fault(c.name + " is not started again: it ended " +
-                              std::to_string(r.restarts) + " times");
+            fault(c.name + " is not started again: it ended " + std::to_string(r.restarts) +
+                  " times");
             return;
         }
         start_daemon(r);
@@ -726,65 +750,69 @@ void Chassis::reap()
     }
 }
 
-bool Chassis::write_input(const Input &in, std::string *why)
+// Input `in` of card `c` as the command that writes it into the card's Redis, with the
+// database it goes to.
+std::pair<int, std::vector<std::string>> input_command(const Card &c, const Input &in)
 {
-    CardRun &r = runs_[static_cast<size_t>(in.card)];
-    const Card &c = *r.card;
     auto hset = [](std::string key, const Fields &fields) {
         std::vector<std::string> args = {"HSET", std::move(key)};
         for (const auto &[name, value] : fields)
             args.insert(args.end(), {name, value});
         return args;
     };
+    auto text = [](int n) { return std::to_string(n); };
+    const Subcard *sub = in.step == Step::subcard_entry || in.step == Step::subcard_state
+                             ? &c.subcards[static_cast<size_t>(in.a)]
+                             : nullptr;
     switch (in.step) {
-    case Step::start:
-        start_daemon(r);
-        return true;
-    case Step::kill:
-        r.killed = r.daemon.pid > 0 && kill(r.daemon.pid, SIGKILL) == 0;
-        if (r.killed)
-            printf("kill -9 %s (pid %d) in the middle of its inputs\n", r.daemon.name.c_str(), r.daemon.pid);
-        return true;
     case Step::identity:
-        return r.local.command(tunner_db,
-                               hset("p_dev.dp_lib_my_info", {{"card_nodeid", std::to_string(c.node)},
-                                                             {"card_type", std::to_string(c.type)},
-                                                             {"slotid", std::to_string(c.number)},
-                                                             {"sslotid", "0"},
-                                                             {"dm_my_node_type", std::to_string(node_type_lc)}}),
-                               why);
+        return {tunner_db, hset("p_dev.dp_lib_my_info", {{"card_nodeid", text(c.node)},
+                                                         {"card_type", text(c.type)},
+                                                         {"slotid", text(c.number)},
+                                                         {"sslotid", "0"},
+                                                         {"dm_my_node_type", text(node_type_lc)}})};
     case Step::devid:
-        return r.local.command(tunner_db,
-                               hset("p_dev.dp_lib_my_chss_info",
-                                    {{"devid", std::to_string(chassis_devid)}, {"dev_desc", "vek_chassis"}}),
-                               why);
+        return {tunner_db, hset("p_dev.dp_lib_my_chss_info",
+                                {{"devid", text(chassis_devid)}, {"dev_desc", "vek_chassis"}})};
     case Step::entry: {
         const Entry &e = c.entries[static_cast<size_t>(in.a)];
-        return r.local.command(host_db, hset("p_libpub.cap_table|" + key_part(e.url), e.fields), why);
+        return {host_db, hset("p_libpub.cap_table|" + key_part(e.url), e.fields)};
     }
     case Step::ready: // the packed record: field 5 (ready), varint 1
-        return r.local.command(host_db, {"SET", "p_libpub.cap_state", "\x28\x01"}, why);
+        return {host_db, {"SET", "p_libpub.cap_state", "\x28\x01"}};
     case Step::module:
-        return r.local.command(host_db,
-                               hset("s_frame.cap_dep|" + key_part(c.modules[static_cast<size_t>(in.a)]),
-                                    {{"ready", "true"}}),
-                               why);
+        return {host_db, hset("s_frame.cap_dep|" + key_part(c.modules[static_cast<size_t>(in.a)]),
+                              {{"ready", "true"}})};
     case Step::subcard_entry: {
-        const Subcard &s = c.subcards[static_cast<size_t>(in.a)];
-        const Entry &e = s.entries[static_cast<size_t>(in.b)];
-        return r.local.command(host_db,
-                               hset("p_libpub.cap_subcard_table|" + std::to_string(s.node) + "|" + key_part(e.url),
-                                    e.fields),
-                               why);
+        const Entry &e = sub->entries[static_cast<size_t>(in.b)];
+        return {host_db,
+                hset("p_libpub.cap_subcard_table|" + text(sub->node) + "|" + key_part(e.url),
+                     e.fields)};
     }
-    case Step::subcard_state: {
-        const Subcard &s = c.subcards[static_cast<size_t>(in.a)];
-        return r.local.command(host_db,
-                               hset("p_libpub.cap_subcard_state|" + std::to_string(s.node) + "|" +
-                                        std::to_string(s.type),
-                                    {{"ready", "true"}}),
-                               why);
+    case Step::subcard_state:
+        return {host_db,
+                hset("p_libpub.cap_subcard_state|" + text(sub->node) + "|" + text(sub->type),
+                     {{"ready", "true"}})};
+    case Step::start:
+    case Step::kill:
+        break;
     }
+    return {};
+}
+
+bool Chassis::write_input(const Input &in, std::string *why)
+{
+    CardRun &r = runs_[static_cast<size_t>(in.card)];
+    if (in.step == Step::start) {
+        start_daemon(r);
+    } else if (in.step == Step::kill) {
+        r.killed = r.daemon.pid > 0 && kill(r.daemon.pid, SIGKILL) == 0;
+        if (r.killed)
+            printf("kill -9 %s (pid %d) in the middle of its inputs\n", r.daemon.name.c_str(),
+                   r.daemon.pid);
+    } else {
+        auto [db, command] = input_command(*r.card, in);
+        return r.local.command(db, command, why);
     }
     return true;
 }
@@ -923,7 +951,8 @@ size_t matching(const Records &want, const Records &have)
 
 std::string shown(const std::string &s)
 {
-    bool bare = !s.empty() && std::ranges::all_of(s, [](char c) { return c > ' ' && c < 0x7f && c != '"'; });
+    bool bare = !s.empty() &&
+                std::ranges::all_of(s, [](char c) { return c > ' ' && c < 0x7f && c != '"'; });
     if (bare)
         return s;
     std::string out = "\"";
@@ -964,16 +993,15 @@ class View {
 public:
     View(const std::vector<Card> &cards, const Records &expected, uint64_t seed)
         : cards_(cards), expected_(expected), seed_(seed), tty_(isatty(STDOUT_FILENO))
-    {
-    }
+    {}
 
     void show(const Records &have, long long ms, bool last = false)
     {
         size_t ok = matching(expected_, have);
         if (!tty_) {
             if (ok != last_ok_ && (last || ms >= next_line_ms_)) {
-                printf("%6.2f s  db 28: %zu of %zu records as expected, %zu records in all\n", ms / 1e3,
-                       ok, expected_.size(), have.size());
+                printf("%6.2f s  db 28: %zu of %zu records as expected, %zu records in all\n",
+                       ms / 1e3, ok, expected_.size(), have.size());
                 fflush(stdout);
                 last_ok_ = ok;
                 next_line_ms_ = ms + 1000;
@@ -987,15 +1015,20 @@ public:
         int rows = ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_row > 4 ? ws.ws_row : 24;
         std::string out = "\033[H"; // and the last frame in full, whatever the height
         char line[256];
-        snprintf(line, sizeof line, "vek_chassis: %zu cards, seed %llu, %.2f s: db 28 holds %zu of %zu records",
-                 cards_.size(), static_cast<unsigned long long>(seed_), ms / 1e3, ok, expected_.size());
-        out += std::string(line) + (have.size() > ok ? " (+" + std::to_string(have.size() - ok) + " other)" : "");
-        out += "\033[K\n card  node type devid ready entries   subcards (node ready entries)\033[K\n";
+        snprintf(line, sizeof line,
+                 "vek_chassis: %zu cards, seed %llu, %.2f s: db 28 holds %zu of %zu records",
+                 cards_.size(), static_cast<unsigned long long>(seed_), ms / 1e3, ok,
+                 expected_.size());
+        out += std::string(line) +
+               (have.size() > ok ? " (+" + std::to_string(have.size() - ok) + " other)" : "");
+        out +=
+            "\033[K\n card  node type devid ready entries   subcards (node ready entries)\033[K\n";
         auto nodes = nodes_of(have);
         int shown_rows = 0;
         for (const Card &c : cards_) {
             if (!last && ++shown_rows > rows - 4) {
-                out += "  ... " + std::to_string(cards_.size() - static_cast<size_t>(shown_rows) + 1) +
+                out += "  ... " +
+                       std::to_string(cards_.size() - static_cast<size_t>(shown_rows) + 1) +
                        " more cards\033[K\n";
                 break;
             }
@@ -1005,8 +1038,8 @@ public:
             out += line;
             for (const Subcard &s : c.subcards) {
                 const NodeView &sv = nodes[s.node];
-                snprintf(line, sizeof line, "  %5d %3s %d/%zu", s.node, sv.ready ? "yes" : "-", sv.entries,
-                         s.entries.size());
+                snprintf(line, sizeof line, "  %5d %3s %d/%zu", s.node, sv.ready ? "yes" : "-",
+                         sv.entries, s.entries.size());
                 out += line;
             }
             out += "\033[K\n";
@@ -1087,8 +1120,9 @@ void print_keep(Chassis &chassis)
            "    less %s/card1/var/log/vek_cap.log\n"
            "Daemons that end are no longer started again. To stop it all:\n"
            "    kill -- -%d; rm -rf %s\n",
-           d.c_str(), chassis.group(), chassis.global_socket().c_str(), tools.c_str(), tools.c_str(),
-           chassis.global_socket().c_str(), d.c_str(), tools.c_str(), d.c_str(), chassis.group(), d.c_str());
+           d.c_str(), chassis.group(), chassis.global_socket().c_str(), tools.c_str(),
+           tools.c_str(), chassis.global_socket().c_str(), d.c_str(), tools.c_str(), d.c_str(),
+           chassis.group(), d.c_str());
 }
 
 void print_faults(const Chassis &chassis)
@@ -1133,7 +1167,8 @@ int run(const Options &o, const std::vector<Card> &cards, const std::vector<Inpu
     };
     if (!chassis.start_servers())
         return fail(g_signal ? "interrupted" : "");
-    printf("%zu cards started their Redis; %zu inputs follow in random order\n", cards.size(), inputs.size());
+    printf("%zu cards started their Redis; %zu inputs follow in random order\n", cards.size(),
+           inputs.size());
     fflush(stdout);
 
     Records have;
@@ -1145,9 +1180,10 @@ int run(const Options &o, const std::vector<Card> &cards, const std::vector<Inpu
     Outcome out = converge(chassis, view, expected, t0, o.timeout_s, have);
     long long converged_ms = ms_since(t0);
     if (out == Outcome::converged) {
-        printf("db 28 holds exactly the %zu expected records: %lld ms after the first input (inputs "
-               "written in %lld ms)\n",
-               expected.size(), converged_ms, played_ms);
+        printf(
+            "db 28 holds exactly the %zu expected records: %lld ms after the first input (inputs "
+            "written in %lld ms)\n",
+            expected.size(), converged_ms, played_ms);
         if (o.restart_global) {
             printf("restarting the global Redis: every vek_cap is to exit 77 and start again\n");
             fflush(stdout);
@@ -1178,7 +1214,8 @@ int run(const Options &o, const std::vector<Card> &cards, const std::vector<Inpu
         exact = stop_and_check(chassis, expected, exact);
     }
     if (exact) {
-        printf("converged %zu cards, %zu records in %lld ms\n", cards.size(), expected.size(), converged_ms);
+        printf("converged %zu cards, %zu records in %lld ms\n", cards.size(), expected.size(),
+               converged_ms);
         return 0;
     }
     if (!o.keep)
@@ -1207,7 +1244,7 @@ int main(int argc, char **argv)
     std::vector<Card> cards = make_cards(o, rng);
     std::vector<Input> inputs = boot_order(cards, o, rng);
 
-    struct sigaction sa{};
+    struct sigaction sa {};
     sa.sa_handler = on_signal;
     for (int sig : {SIGINT, SIGTERM, SIGHUP})
         sigaction(sig, &sa, nullptr);
@@ -1221,8 +1258,8 @@ int main(int argc, char **argv)
     }
     printf("vek_chassis: %d cards of %d entries, %d subcards of %d entries each; seed %llu "
            "(--seed %llu plays this order again)\n",
-           o.cards, o.entries, o.subcards, o.subcard_entries, static_cast<unsigned long long>(o.seed),
-           static_cast<unsigned long long>(o.seed));
+           o.cards, o.entries, o.subcards, o.subcard_entries,
+           static_cast<unsigned long long>(o.seed), static_cast<unsigned long long>(o.seed));
     fflush(stdout);
     bool kept = false;
     int status = run(o, cards, inputs, dir, &kept);
