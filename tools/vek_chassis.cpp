@@ -502,6 +502,15 @@ std::string describe(int status)
     return "ended";
 }
 
+std::string last_line(const std::string &path)
+{
+    std::ifstream in(path);
+    std::string line, last = "(nothing)";
+    while (std::getline(in, line))
+        last = line.empty() ? last : line;
+    return last;
+}
+
 // The environment of every child: this one's without KX_*, plus `extra`.
 std::vector<std::string> child_env(const std::vector<std::string> &extra)
 {
@@ -603,7 +612,7 @@ public:
 
 private:
     bool start_redis(Child &c, const std::string &dir);
-    bool answers(Child &server, Redis &conn, Clock::time_point deadline);
+    bool answers(Child &server, Redis &conn, const std::string &log, Clock::time_point deadline);
     void start_daemon(CardRun &r);
     bool stop(std::vector<Child *> children);
     void ended(Child &c, int status);
@@ -619,7 +628,7 @@ private:
     std::vector<std::pair<std::string, int>> faults_;
     int exits_77_ = 0;
     bool global_restarted_ = false;
-    bool broken_ = false; // a Redis ended unasked
+    bool broken_ = false; // a Redis ended unasked, or a daemon for good
 };
 
 bool Chassis::start_redis(Child &c, const std::string &dir)
@@ -646,15 +655,16 @@ bool Chassis::start_redis(Child &c, const std::string &dir)
 }
 
 // Waits until the server answers on `conn`.
-bool Chassis::answers(Child &server, Redis &conn, Clock::time_point deadline)
+bool Chassis::answers(Child &server, Redis &conn, const std::string &log,
+                      Clock::time_point deadline)
 {
     std::string why;
     while (!conn.command(0, {"PING"}, &why)) {
         reap();
         if (server.pid < 0 || g_signal || Clock::now() > deadline) {
             if (!g_signal)
-                fprintf(stderr, "vek_chassis: %s does not answer: %s (see its redis.log)\n",
-                        server.name.c_str(), why.c_str());
+                fprintf(stderr, "vek_chassis: %s does not answer: %s; its log ends: %s\n",
+                        server.name.c_str(), why.c_str(), last_line(log).c_str());
             return false;
         }
         nap(10ms);
@@ -671,10 +681,10 @@ bool Chassis::start_servers()
         if (!start_redis(r.redis, r.root))
             return false;
     auto deadline = Clock::now() + 20s;
-    if (!answers(global_, monitor_, deadline))
+    if (!answers(global_, monitor_, dir_ + "/global/redis.log", deadline))
         return false;
     for (CardRun &r : runs_)
-        if (!answers(r.redis, r.local, deadline))
+        if (!answers(r.redis, r.local, r.root + "/redis.log", deadline))
             return false;
     // Each card's files: its dependency modules and the platform's marker file.
     for (CardRun &r : runs_) {
@@ -715,10 +725,12 @@ void Chassis::ended(Child &c, int status)
         exits_77_ += exit_77;
         r.killed = false;
         if (!exit_77 && !killed)
-            fault(c.name + " " + describe(status) + " (see " + r.root + "/var/log/vek_cap.log)");
+            fault(c.name + " " + describe(status) + " (see " + r.root + "/vek_cap.out and " +
+                  r.root + "/var/log/vek_cap.log)");
         if (++r.restarts > restart_limit) {
             fault(c.name + " is not started again: it ended " + std::to_string(r.restarts) +
                   " times");
+            broken_ = true;
             return;
         }
         start_daemon(r);
@@ -863,7 +875,8 @@ bool Chassis::restart_global()
 {
     stop({&global_});
     global_restarted_ = true;
-    return start_redis(global_, dir_ + "/global") && answers(global_, monitor_, Clock::now() + 20s);
+    return start_redis(global_, dir_ + "/global") &&
+           answers(global_, monitor_, dir_ + "/global/redis.log", Clock::now() + 20s);
 }
 
 // Stops every vek_cap; true when each ended with status 0, as SIGTERM asks.
@@ -1145,7 +1158,7 @@ bool stop_and_check(Chassis &chassis, const Records &expected, bool exact)
     }
     chassis.stop_all();
     print_faults(chassis);
-    if (kill(-chassis.group(), 0) == 0) {
+    if (chassis.group() > 0 && kill(-chassis.group(), 0) == 0) {
         printf("fault: processes of group %d are left; killing them\n", chassis.group());
         kill(-chassis.group(), SIGKILL);
         ok = false;
@@ -1161,6 +1174,8 @@ int run(const Options &o, const std::vector<Card> &cards, const std::vector<Inpu
     Chassis chassis(o, cards, dir);
     View view(cards, expected, o.seed);
     auto fail = [&](const std::string &why) {
+        chassis.stop_all();
+        print_faults(chassis);
         if (!why.empty())
             fprintf(stderr, "vek_chassis: %s\n", why.c_str());
         return g_signal ? 128 + g_signal : exit_failed;
@@ -1195,6 +1210,10 @@ int run(const Options &o, const std::vector<Card> &cards, const std::vector<Inpu
                 printf("converged again %lld ms after the restart; %d daemons exited 77 and were "
                        "started again\n",
                        ms_since(t1), chassis.daemon_exits_77());
+            if (out == Outcome::converged && chassis.daemon_exits_77() != o.cards)
+                chassis.fault("the global restart made " +
+                              std::to_string(chassis.daemon_exits_77()) + " of " +
+                              std::to_string(o.cards) + " daemons exit 77");
         }
     }
     if (out == Outcome::interrupted)
