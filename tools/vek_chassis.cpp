@@ -594,7 +594,6 @@ public:
     // What went wrong, each with the number of times it did.
     const std::vector<std::pair<std::string, int>> &faults() const { return faults_; }
     void fault(const std::string &what);
-    std::vector<CardRun> &runs() { return runs_; }
 
     bool start_servers();
     bool play(const std::vector<Input> &inputs, std::string *why);
