@@ -481,8 +481,10 @@ int cmd_chassis(Session &s, int32_t db, Style style)
         std::map<int32_t, bool> has_ready;
         int rc2 = scan_table(s, db, ready, nullptr, [&](const auto &res, const auto &record) {
             Line line = record_line(res.key, record, &res);
-            if (auto node = node_of(record))
-                line.entries = counts[*node], has_ready[*node] = true;
+            if (auto node = node_of(record)) {
+                line.entries = counts[*node];
+                has_ready[*node] = true;
+            }
             lines.push_back(std::move(line));
         });
         for (auto [node, n] : counts) {
