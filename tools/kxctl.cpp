@@ -30,20 +30,31 @@ constexpr std::string_view index_prefix = "index.";
 
 constexpr const char *usage_head =
     "usage: kxctl [-n DB] [--json] COMMAND ...\n"
+    "Commands, each with an example:\n"
     "  get   TABLE index=value ...              print one record\n"
+    "        kxctl get p_libpub.cap_table url=/fe/l3/ecmp\n"
     "  set   TABLE index=value ... field=value ...  write exactly the fields given\n"
+    "        kxctl set s_frame.cap_dep module=fib_mgr ready=true\n"
     "  del   TABLE index=value ...              delete one record\n"
+    "        kxctl del s_frame.cap_del_fe_ready node=16 config_dev_type=5\n"
     "  scan  TABLE [index=value ...]            print every record (matching the index given)\n"
+    "        kxctl scan s_frame.cap_glb_table node=16\n"
     "  watch TABLE [index=value ...]            print every change until interrupted\n"
-    "  chassis                                  cards' and subcards' ready records with\n"
-    "                                           their numbers of global capability entries\n"
+    "        kxctl watch s_frame.cap_fe_ready\n"
+    "  chassis                                  every card's and subcard's ready record with\n"
+    "                                           its number of global capability entries\n"
+    "        kxctl --json chassis\n"
     "  tables                                   list tables and fields\n"
+    "        kxctl tables\n"
     "Index fields are given by name (url=, node=, module=...); every one is needed by get,\n"
     "set and del. A name that the index and the record share names the record's field;\n"
     "index.NAME names the index field (s_frame.cap_fe_ready node=16\n"
     "index.config_dev_type=5 config_dev_type=7). Values: integers in decimal, bools\n"
     "true/false, enums by number or name, strings as written. For the whole-value table\n"
     "p_libpub.cap_state, set writes the whole record (fields not given are defaults).\n"
+    "chassis lists the cards, then the subcards, by node; a node with global entries but no\n"
+    "ready record is listed by its entries' key (s_frame.cap_glb_table|16 entries=3). The\n"
+    "chassis database does not say which card holds a subcard.\n"
     "The store is $KX_MOM_ADDR (or $KX_MOM_ADDR_<db>), e.g. unix:/run/redis.sock or\n"
     "tcp:127.0.0.1:6379.\n"
     "Output: one record a line, `KEY field=value ...`, or one JSON object with --json.\n"
@@ -450,6 +461,9 @@ std::optional<int32_t> node_of(const ProtobufCMessage &record)
     return std::nullopt;
 }
 
+// Each card's or subcard's ready record with its number of global entries, by node; a
+// node whose entries have no ready record (being published, or left behind) is listed by
+// the key prefix of those entries.
 int cmd_chassis(Session &s, int32_t db, Style style)
 {
     int status = 0;
@@ -464,12 +478,21 @@ int cmd_chassis(Session &s, int32_t db, Style style)
                 ++counts[*node];
         });
         std::vector<Line> lines;
+        std::map<int32_t, bool> has_ready;
         int rc2 = scan_table(s, db, ready, nullptr, [&](const auto &res, const auto &record) {
             Line line = record_line(res.key, record, &res);
-            if (auto node = node_of(record))
+            if (auto node = node_of(record)) {
                 line.entries = counts[*node];
+                has_ready[*node] = true;
+            }
             lines.push_back(std::move(line));
         });
+        for (auto [node, n] : counts) {
+            std::string text = std::to_string(node);
+            if (!has_ready[node])
+                lines.push_back({{}, std::string(entries_name) + "|" + text,
+                                 {{"node", text, kxctl::Kind::bare}}, std::nullopt, n});
+        }
         print_sorted(lines, style);
         status = status ? status : rc ? rc : rc2;
     }

@@ -32,9 +32,19 @@ constexpr timeval reply_timeout{30, 0}; // a daemon that stopped serving
 
 constexpr const char *usage_text =
     "usage: ssat MODULE COMMAND [ARGS...]\n"
-    "Runs COMMAND in the debug shell of the daemon MODULE (e.g. ssat vek_cap dump_all)\n"
-    "and writes its output to standard output unchanged. `ssat MODULE help` lists the\n"
-    "module's commands. The socket is $KX_ROOT/var/run/ssat/MODULE.sock.\n"
+    "Runs COMMAND in the debug shell of the daemon MODULE and writes its output to standard\n"
+    "output unchanged. The socket is $KX_ROOT/var/run/ssat/MODULE.sock.\n"
+    "The commands of vek_cap, each with an example (`ssat MODULE help` lists any module's):\n"
+    "  ssat vek_cap help                   the commands and their argument formats\n"
+    "  ssat vek_cap log-level 5            debug level: 0 off, 1 errors, 2 warnings, 4 info,\n"
+    "                                      5 debug\n"
+    "  ssat vek_cap show_time              when the key events last happened\n"
+    "  ssat vek_cap dump_card_info         the card's identity\n"
+    "  ssat vek_cap dump_status            the local and global ready flags\n"
+    "  ssat vek_cap dump_dep_mod           every dependency module and its ready flag\n"
+    "  ssat vek_cap dump_all               the four dumps above, in one reply\n"
+    "  ssat vek_cap collect                dump_all into /data/collect/vek_cap.log\n"
+    "  ssat vek_cap set_dep_mod fib_mgr 1  write a module's ready record (0: not ready)\n"
     "Exit status: 0 ran, 1 refused by the daemon, 2 bad usage, 3 daemon not reachable.\n";
 
 int usage_error(const char *why)

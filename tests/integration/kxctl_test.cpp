@@ -80,7 +80,7 @@ TEST_F(Kxctl, PrintsWhatRedisCliWrote)
                                   "1", "int32_value", "12", "unknown", "ignored"},
                              Args{"HSET", "s_frame.cap_glb_table|2|/z", "str_value", ""},
                              Args{"HSET", "s_frame.cap_glb_table|5|/bad", "bool_value", "maybe"},
-                             Args{"HSET", "s_frame.cap_fe_ready|16|5", "ready", "true", "config_dev_type", "7"},
+                             Args{"HSET", "s_frame.cap_fe_ready|16|5", "ready", "true", "devid", "7"},
                              Args{"HSET", "s_frame.cap_subcard_ready|18", "ready", "true"},
                              Args{"HSET", "s_frame.cap_subcard_glb_table|18|/s", "int32_value", "1"}})
         cli(28, hset);
@@ -94,10 +94,16 @@ TEST_F(Kxctl, PrintsWhatRedisCliWrote)
          R"("fields":{"bool_value":true,"int32_value":12,"str_value":"a\"b\\c\nd"}})" "\n", ""},
         {{"scan", "s_frame.cap_glb_table"}, 1, "s_frame.cap_glb_table|2|/z str_value=\"\"\n" + odd, skipped},
         {{"scan", "s_frame.cap_fe_ready", "index.config_dev_type=5"}, 0,
-         "s_frame.cap_fe_ready|16|5 ready=true config_dev_type=7\n", ""},
+         "s_frame.cap_fe_ready|16|5 ready=true devid=7\n", ""},
         {{"get", "s_frame.cap_glb_table", "node=2", "url=/y"}, 1, "", "kxctl: no record s_frame.cap_glb_table|2|/y\n"},
-        {{"chassis"}, 1, "s_frame.cap_fe_ready|16|5 ready=true config_dev_type=7 entries=1\n"
+        {{"chassis"}, 1, "s_frame.cap_glb_table|2 entries=1\n" // entries without a ready record
+                         "s_frame.cap_fe_ready|16|5 ready=true devid=7 entries=1\n"
                          "s_frame.cap_subcard_ready|18 ready=true entries=1\n", skipped},
+        {{"--json", "chassis"}, 1, R"({"key":"s_frame.cap_glb_table|2","index":{"node":2},"entries":1})" "\n"
+         R"({"key":"s_frame.cap_fe_ready|16|5","index":{"node":16,"config_dev_type":5},)"
+         R"("fields":{"ready":true,"devid":7},"entries":1})" "\n"
+         R"({"key":"s_frame.cap_subcard_ready|18","index":{"nodeid":18},"fields":{"ready":true},"entries":1})" "\n",
+         skipped},
     };
     for (const auto &[args, status, out, err] : cases) {
         RunResult r = kxctl(args);

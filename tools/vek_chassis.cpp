@@ -1,0 +1,1288 @@
+// vek_chassis: a whole chassis on one host. It starts the chassis-global Redis, then one
+// Redis and one vek_cap per card, writes every card's inputs (identity, chassis devid,
+// capability entries, local ready flag, dependency modules, subcards) in a random order
+// drawn from a seed, shows database 28 converging, and checks that it then holds exactly
+// the records those inputs give: nothing missing, nothing stray, no field more or less.
+// Daemons that exit are started again as systemd would (Restart=on-failure); faults can
+// be injected. Everything lives in one temporary directory and one process group, both
+// gone at the end. The last line says how it went, for tools to read:
+//     converged 8 cards, 64 records in 412 ms
+//     not converged: 8 cards, 60 of 64 records after 60000 ms
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <fcntl.h>
+#include <hiredis/hiredis.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char **environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr int exit_failed = 1;
+constexpr int exit_usage = 2;
+constexpr int max_cards = 64;
+constexpr int max_subcards = 15; // a card's subcards are nodes 16 * card + 1 .. + 15
+constexpr int restart_limit = 5; // systemd's default StartLimitBurst
+constexpr int host_db = 3, tunner_db = 1, global_db = 28;
+constexpr int chassis_devid = 7;
+constexpr int node_type_lc = 3; // DM_TYPE_LC
+constexpr timeval connect_timeout{2, 0};
+constexpr timeval command_timeout{5, 0};
+
+constexpr const char *usage_text =
+    "usage: vek_chassis [-n CARDS] [--entries E] [--subcards S] [--subcard-entries E]\n"
+    "                   [--seed SEED] [--timeout SECONDS] [--keep] [--restart-global]\n"
+    "                   [--kill-daemon CARD] [--daemon PATH] [--redis-conf FILE]\n"
+    "Runs a chassis of CARDS cards (1-64, default 8) on this host: a global Redis, and per\n"
+    "card a Redis and a vek_cap. Each card has E capability entries (default 4), S subcards\n"
+    "(0-15, default 1) of E entries each (default 2) and 0 to 3 dependency modules; its\n"
+    "inputs are written in a random order drawn from SEED (printed; the same SEED plays the\n"
+    "same order). Database 28 must then hold exactly what the inputs give, within SECONDS\n"
+    "(default 60); on failure the difference is printed.\n"
+    "  --keep            leave everything running at the end and say how to explore it\n"
+    "  --restart-global  once converged, restart the global Redis: every vek_cap exits 77,\n"
+    "                    is started again, and the chassis must converge again\n"
+    "  --kill-daemon K   kill -9 the vek_cap of card K while its inputs arrive; it is\n"
+    "                    started again\n"
+    "  --daemon PATH     the vek_cap to run (default: vek_cap from PATH)\n"
+    "  --redis-conf FILE settings every Redis starts from (databases, notifications...)\n"
+    "Exit status: 0 converged exactly, 1 not (or a daemon failed), 2 bad usage, 130 Ctrl-C.\n";
+
+volatile sig_atomic_t g_signal = 0;
+
+void on_signal(int sig)
+{
+    g_signal = sig;
+}
+
+long long ms_since(Clock::time_point t)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
+}
+
+void nap(std::chrono::milliseconds d)
+{
+    timespec ts{static_cast<time_t>(d.count() / 1000),
+                static_cast<long>(d.count() % 1000) * 1000000};
+    nanosleep(&ts, nullptr); // a signal cuts it short, which is what the callers want
+}
+
+// ---------------------------------------------------------------- options
+
+struct Options {
+    int cards = 8;
+    int entries = 4;
+    int subcards = 1;
+    int subcard_entries = 2;
+    uint64_t seed = 0;
+    int timeout_s = 60;
+    bool keep = false;
+    bool restart_global = false;
+    int kill_daemon = 0; // the card's number, 0 for none
+    std::string daemon = "vek_cap";
+    std::string redis_conf;
+};
+
+std::optional<long long> number(const char *text, long long lo, long long hi)
+{
+    char *end = nullptr;
+    errno = 0;
+    long long v = strtoll(text, &end, 10);
+    if (errno || end == text || *end || v < lo || v > hi)
+        return std::nullopt;
+    return v;
+}
+
+// The options, or the reason they are wrong.
+std::optional<std::string> parse_options(int argc, char **argv, Options &o, bool &seed_given)
+{
+    struct Int {
+        const char *name;
+        int *value;
+        int lo, hi;
+    };
+    const Int ints[] = {{"-n", &o.cards, 1, max_cards},
+                        {"--entries", &o.entries, 0, 10000},
+                        {"--subcards", &o.subcards, 0, max_subcards},
+                        {"--subcard-entries", &o.subcard_entries, 0, 10000},
+                        {"--timeout", &o.timeout_s, 1, 86400},
+                        {"--kill-daemon", &o.kill_daemon, 1, max_cards}};
+    for (int i = 1; i < argc; ++i) {
+        std::string_view a = argv[i];
+        if (a == "--keep" || a == "--restart-global") {
+            (a == "--keep" ? o.keep : o.restart_global) = true;
+            continue;
+        }
+        const Int *option = nullptr;
+        for (const Int &x : ints)
+            option = a == x.name ? &x : option;
+        if (!option && a != "--daemon" && a != "--redis-conf" && a != "--seed")
+            return "unknown argument " + std::string(a);
+        if (i + 1 == argc)
+            return std::string(a) + " needs a value";
+        const char *value = argv[++i];
+        if (option) {
+            auto v = number(value, option->lo, option->hi);
+            if (!v)
+                return std::string(a) + " needs a number from " + std::to_string(option->lo) +
+                       " to " + std::to_string(option->hi) + ", not '" + value + "'";
+            *option->value = static_cast<int>(*v);
+        } else if (a == "--seed") {
+            char *end = nullptr;
+            errno = 0;
+            o.seed = strtoull(value, &end, 10);
+            if (errno || end == value || *end || *value == '-')
+                return "--seed needs a whole number, not '" + std::string(value) + "'";
+            seed_given = true;
+        } else {
+            (a == "--daemon" ? o.daemon : o.redis_conf) = value;
+        }
+    }
+    if (o.kill_daemon > o.cards)
+        return "--kill-daemon names card " + std::to_string(o.kill_daemon) + " of " +
+               std::to_string(o.cards);
+    return std::nullopt;
+}
+
+// ---------------------------------------------------------------- the chassis's inputs
+
+// The seeded generator: mt19937_64 is the same everywhere, and so is `below`.
+struct Rng {
+    std::mt19937_64 gen;
+    uint64_t below(uint64_t n) { return gen() % n; }
+    template <class T> void shuffle(std::vector<T> &v)
+    {
+        for (size_t i = v.size(); i > 1; --i)
+            std::swap(v[i - 1], v[below(i)]);
+    }
+};
+
+using Fields = std::map<std::string, std::string>;
+using Records = std::map<std::string, Fields>; // key -> hash fields
+
+// One capability entry as a card's service writes it into db 3. Only bool_value,
+// int32_value and str_value reach the chassis: pri and state stay on the card.
+struct Entry {
+    std::string url;
+    Fields fields;
+};
+
+struct Subcard {
+    int node;
+    int type;
+    std::vector<Entry> entries;
+};
+
+struct Card {
+    int number; // 1.., its slot too
+    int node;   // 16 * number
+    int type;
+    std::vector<std::string> modules;
+    std::vector<Entry> entries;
+    std::vector<Subcard> subcards;
+};
+
+// A string index field in a key: '%' and '|' are escaped.
+std::string key_part(std::string_view s)
+{
+    std::string out;
+    for (char c : s)
+        out += c == '%' ? "%25" : c == '|' ? "%7C" : std::string(1, c);
+    return out;
+}
+
+Entry make_entry(Rng &rng, int j, bool card)
+{
+    static constexpr const char *areas[] = {"l2", "l3/ecmp", "acl", "qos", "port|speed", "load%"};
+    static constexpr const char *texts[] = {"", "on", "ingress,egress", "a b", "x|y"};
+    Entry e;
+    e.url = std::string("/fe/") + areas[rng.below(std::size(areas))] + "/" + std::to_string(j);
+    uint64_t present = 1 + rng.below(7); // at least one field that the chassis sees
+    if (present & 1)
+        e.fields["bool_value"] = rng.below(2) ? "true" : "false";
+    if (present & 2)
+        e.fields["int32_value"] = std::to_string(static_cast<int>(rng.below(200001)) - 100000);
+    if (present & 4)
+        e.fields["str_value"] = texts[rng.below(std::size(texts))];
+    e.fields["pri"] = std::to_string(rng.below(8));
+    if (card && rng.below(2))
+        e.fields["state"] = "true";
+    return e;
+}
+
+std::vector<Card> make_cards(const Options &o, Rng &rng)
+{
+    static constexpr int card_types[] = {5, 6, 9};
+    static constexpr int subcard_types[] = {7, 8};
+    std::vector<Card> cards;
+    for (int k = 1; k <= o.cards; ++k) {
+        Card c{k, 16 * k, card_types[rng.below(std::size(card_types))], {}, {}, {}};
+        std::vector<std::string> modules = {"fib_mgr", "acl_mgr", "qos_mgr", "mpls_mgr", "stp_mgr"};
+        rng.shuffle(modules);
+        c.modules.assign(modules.begin(), modules.begin() + static_cast<long>(rng.below(4)));
+        for (int j = 0; j < o.entries; ++j)
+            c.entries.push_back(make_entry(rng, j, true));
+        for (int s = 1; s <= o.subcards; ++s) {
+            Subcard sc{c.node + s, subcard_types[rng.below(std::size(subcard_types))], {}};
+            for (int j = 0; j < o.subcard_entries; ++j)
+                sc.entries.push_back(make_entry(rng, j, false));
+            c.subcards.push_back(std::move(sc));
+        }
+        cards.push_back(std::move(c));
+    }
+    return cards;
+}
+
+// What database 28 must hold once every card has published.
+Records expected_records(const std::vector<Card> &cards)
+{
+    auto global_fields = [](const Entry &e) {
+        Fields f = e.fields;
+        f.erase("pri");
+        f.erase("state");
+        return f;
+    };
+    Records r;
+    for (const Card &c : cards) {
+        std::string node = std::to_string(c.node);
+        r["s_frame.cap_fe_ready|" + node + "|" + std::to_string(c.type)] = {
+            {"ready", "true"},
+            {"config_dev_type", std::to_string(c.type)},
+            {"devid", std::to_string(chassis_devid)},
+            {"slotid", std::to_string(c.number)},
+            {"sslotid", "0"},
+            {"node_type", std::to_string(node_type_lc)},
+            {"real_time", "true"}};
+        for (const Entry &e : c.entries)
+            r["s_frame.cap_glb_table|" + node + "|" + key_part(e.url)] = global_fields(e);
+        for (const Subcard &s : c.subcards) {
+            r["s_frame.cap_subcard_ready|" + std::to_string(s.node)] = {{"ready", "true"}};
+            for (const Entry &e : s.entries)
+                r["s_frame.cap_subcard_glb_table|" + std::to_string(s.node) + "|" +
+                  key_part(e.url)] = global_fields(e);
+        }
+    }
+    return r;
+}
+
+// One step of a card's boot. `a` is the entry, module or subcard, `b` a subcard's entry.
+enum class Step {
+    start,
+    identity,
+    devid,
+    entry,
+    ready,
+    module,
+    subcard_entry,
+    subcard_state,
+    kill
+};
+
+struct Input {
+    int card; // index into the cards
+    Step step;
+    int a = 0;
+    int b = 0;
+};
+
+// Every card's inputs, interleaved in a random order. A capability service declares its
+// table complete after writing it, and a subcard appears after its entries: within those
+// groups the gate comes last, everything else is free.
+std::vector<Input> boot_order(const std::vector<Card> &cards, const Options &o, Rng &rng)
+{
+    std::vector<Input> in;
+    for (int i = 0; i < static_cast<int>(cards.size()); ++i) {
+        const Card &c = cards[static_cast<size_t>(i)];
+        for (Step s : {Step::start, Step::identity, Step::devid, Step::ready})
+            in.push_back({i, s});
+        for (int j = 0; j < static_cast<int>(c.entries.size()); ++j)
+            in.push_back({i, Step::entry, j});
+        for (int m = 0; m < static_cast<int>(c.modules.size()); ++m)
+            in.push_back({i, Step::module, m});
+        for (int s = 0; s < static_cast<int>(c.subcards.size()); ++s) {
+            in.push_back({i, Step::subcard_state, s});
+            for (int j = 0; j < static_cast<int>(c.subcards[static_cast<size_t>(s)].entries.size());
+                 ++j)
+                in.push_back({i, Step::subcard_entry, s, j});
+        }
+    }
+    rng.shuffle(in);
+    // The gate of a group takes the group's last place.
+    auto gate_last = [&](auto in_group, auto is_gate) {
+        size_t gate = in.size(), last = 0;
+        for (size_t p = 0; p < in.size(); ++p)
+            if (in_group(in[p])) {
+                last = p;
+                gate = is_gate(in[p]) ? p : gate;
+            }
+        if (gate < in.size())
+            std::swap(in[gate], in[last]);
+    };
+    for (int i = 0; i < static_cast<int>(cards.size()); ++i) {
+        gate_last(
+            [i](const Input &x) {
+                return x.card == i && (x.step == Step::entry || x.step == Step::ready);
+            },
+            [](const Input &x) { return x.step == Step::ready; });
+        for (int s = 0; s < o.subcards; ++s)
+            gate_last(
+                [i, s](const Input &x) {
+                    return x.card == i && x.a == s &&
+                           (x.step == Step::subcard_entry || x.step == Step::subcard_state);
+                },
+                [](const Input &x) { return x.step == Step::subcard_state; });
+    }
+    if (o.kill_daemon) { // right after one of the card's inputs that follow its start
+        int card = o.kill_daemon - 1;
+        std::vector<size_t> after_start;
+        bool started = false;
+        for (size_t p = 0; p < in.size(); ++p)
+            if (in[p].card == card && (started = started || in[p].step == Step::start))
+                after_start.push_back(p);
+        size_t p = after_start[rng.below(after_start.size())];
+        in.insert(in.begin() + static_cast<long>(p) + 1, Input{card, Step::kill});
+    }
+    return in;
+}
+
+// ---------------------------------------------------------------- Redis connections
+
+struct ReplyFree {
+    void operator()(redisReply *r) const { freeReplyObject(r); }
+};
+using Reply = std::unique_ptr<redisReply, ReplyFree>;
+
+struct ContextFree {
+    void operator()(redisContext *c) const { redisFree(c); }
+};
+
+// A connection to one server by its Unix socket, made again after it broke.
+class Redis {
+public:
+    explicit Redis(std::string socket = {}) : socket_(std::move(socket)) {}
+
+    bool connect(std::string *why)
+    {
+        ctx_.reset(redisConnectUnixWithTimeout(socket_.c_str(), connect_timeout));
+        db_ = 0;
+        if (ctx_ && !ctx_->err && redisSetTimeout(ctx_.get(), command_timeout) == REDIS_OK)
+            return true;
+        *why = ctx_ ? ctx_->errstr : "out of memory";
+        ctx_.reset();
+        return false;
+    }
+
+    // Sends every command, on `db`, then reads every reply; empty with `why` set when the
+    // connection failed (a server's error reply is a reply).
+    std::vector<Reply> pipeline(int db, const std::vector<std::vector<std::string>> &commands,
+                                std::string *why)
+    {
+        if ((!ctx_ || ctx_->err) && !connect(why))
+            return {};
+        std::vector<std::vector<std::string>> all;
+        if (db != db_)
+            all.push_back({"SELECT", std::to_string(db)});
+        all.insert(all.end(), commands.begin(), commands.end());
+        for (const auto &args : all) {
+            std::vector<const char *> argv;
+            std::vector<size_t> lens;
+            for (const std::string &a : args)
+                argv.push_back(a.data()), lens.push_back(a.size());
+            redisAppendCommandArgv(ctx_.get(), static_cast<int>(argv.size()), argv.data(),
+                                   lens.data());
+        }
+        std::vector<Reply> replies;
+        for (size_t i = 0; i < all.size(); ++i) {
+            void *r = nullptr;
+            if (redisGetReply(ctx_.get(), &r) != REDIS_OK) {
+                *why = ctx_->errstr;
+                ctx_.reset();
+                return {};
+            }
+            replies.emplace_back(static_cast<redisReply *>(r));
+        }
+        if (db != db_) {
+            db_ = db;
+            replies.erase(replies.begin());
+        }
+        return replies;
+    }
+
+    // One command; its error reply, too, is a failure.
+    bool command(int db, const std::vector<std::string> &args, std::string *why)
+    {
+        auto replies = pipeline(db, {args}, why);
+        if (!replies.empty() && replies[0]->type == REDIS_REPLY_ERROR)
+            *why = replies[0]->str;
+        return !replies.empty() && replies[0]->type != REDIS_REPLY_ERROR;
+    }
+
+private:
+    std::string socket_;
+    std::unique_ptr<redisContext, ContextFree> ctx_;
+    int db_ = 0;
+};
+
+// Every record of `db`: each key with its hash fields; a key of another type has one
+// field "" holding the server's complaint. Empty with `why` set when the server failed.
+std::optional<Records> read_all(Redis &r, int db, std::string *why)
+{
+    std::vector<std::string> keys;
+    std::string cursor = "0";
+    do {
+        auto replies = r.pipeline(db, {{"SCAN", cursor, "COUNT", "1000"}}, why);
+        if (replies.empty() || replies[0]->type != REDIS_REPLY_ARRAY || replies[0]->elements != 2)
+            return std::nullopt;
+        const redisReply *page = replies[0].get();
+        cursor.assign(page->element[0]->str, page->element[0]->len);
+        for (size_t i = 0; i < page->element[1]->elements; ++i)
+            keys.emplace_back(page->element[1]->element[i]->str, page->element[1]->element[i]->len);
+    } while (cursor != "0");
+    std::ranges::sort(keys);
+    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+    std::vector<std::vector<std::string>> reads;
+    for (const std::string &k : keys)
+        reads.push_back({"HGETALL", k});
+    auto replies = r.pipeline(db, reads, why);
+    if (replies.size() != keys.size())
+        return keys.empty() ? std::optional<Records>(Records{}) : std::nullopt;
+    Records out;
+    for (size_t i = 0; i < keys.size(); ++i) {
+        const redisReply *h = replies[i].get();
+        if (h->type == REDIS_REPLY_ARRAY && h->elements == 0)
+            continue; // deleted since the scan
+        Fields &f = out[keys[i]];
+        if (h->type != REDIS_REPLY_ARRAY)
+            f[""] = h->str ? std::string(h->str, h->len) : "?";
+        for (size_t j = 0; h->type == REDIS_REPLY_ARRAY && j + 1 < h->elements; j += 2)
+            f[std::string(h->element[j]->str, h->element[j]->len)] =
+                std::string(h->element[j + 1]->str, h->element[j + 1]->len);
+    }
+    return out;
+}
+
+// ---------------------------------------------------------------- processes
+
+// A child process and what its end means.
+struct Child {
+    std::string name; // "global redis-server", "card 3 vek_cap"...
+    pid_t pid = -1;
+    int status = -1;       // the last wait status
+    bool stopping = false; // its end was asked for
+};
+
+std::string describe(int status)
+{
+    if (WIFEXITED(status))
+        return "exited with status " + std::to_string(WEXITSTATUS(status));
+    if (WIFSIGNALED(status))
+        return std::string("was killed by ") + strsignal(WTERMSIG(status));
+    return "ended";
+}
+
+std::string last_line(const std::string &path)
+{
+    std::ifstream in(path);
+    std::string line, last = "(nothing)";
+    while (std::getline(in, line))
+        last = line.empty() ? last : line;
+    return last;
+}
+
+// The environment of every child: this one's without KX_*, plus `extra`.
+std::vector<std::string> child_env(const std::vector<std::string> &extra)
+{
+    std::vector<std::string> env;
+    for (char **e = environ; *e; ++e)
+        if (strncmp(*e, "KX_", 3) != 0)
+            env.emplace_back(*e);
+    env.insert(env.end(), extra.begin(), extra.end());
+    return env;
+}
+
+// Starts `argv` in process group `group` (0: a group of its own), standard input from
+// /dev/null, output and errors appended to `out`. With `tied`, it is killed when this
+// process ends, however that happens.
+pid_t spawn(const std::vector<std::string> &argv, const std::vector<std::string> &env,
+            const std::string &out, pid_t group, bool tied)
+{
+    pid_t parent = getpid();
+    pid_t pid = fork();
+    if (pid != 0) {
+        if (pid > 0)
+            setpgid(pid, group); // also here: the parent may signal the group first
+        return pid;
+    }
+    setpgid(0, group);
+    if (tied && (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent))
+        _exit(127);
+    signal(SIGPIPE, SIG_DFL); // ignoring it would outlive exec
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    int in = open("/dev/null", O_RDONLY);
+    int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (in < 0 || fd < 0 || dup2(in, 0) < 0 || dup2(fd, 1) < 0 || dup2(fd, 2) < 0)
+        _exit(127);
+    std::vector<char *> args, envp;
+    for (const std::string &a : argv)
+        args.push_back(const_cast<char *>(a.c_str()));
+    for (const std::string &e : env)
+        envp.push_back(const_cast<char *>(e.c_str()));
+    args.push_back(nullptr);
+    envp.push_back(nullptr);
+    execvpe(args[0], args.data(), envp.data());
+    fprintf(stderr, "vek_chassis: cannot run %s: %s\n", args[0], strerror(errno));
+    _exit(127);
+}
+
+// ---------------------------------------------------------------- the chassis
+
+struct CardRun {
+    const Card *card;
+    std::string root; // its KX_ROOT
+    Child redis, daemon;
+    Redis local;
+    int restarts = 0;
+    bool killed = false; // by --kill-daemon, not yet started again
+};
+
+class Chassis {
+public:
+    Chassis(const Options &o, const std::vector<Card> &cards, std::string dir)
+        : o_(o), dir_(std::move(dir)), global_sock_(dir_ + "/global/redis.sock"),
+          monitor_(global_sock_)
+    {
+        global_.name = "the global redis-server";
+        for (const Card &c : cards) {
+            std::string root = dir_ + "/card" + std::to_string(c.number);
+            std::string name = "card " + std::to_string(c.number) + "'s ";
+            runs_.push_back({&c,
+                             root,
+                             {name + "redis-server"},
+                             {name + "vek_cap"},
+                             Redis(root + "/redis.sock")});
+        }
+    }
+    ~Chassis() { stop_all(); }
+
+    const std::string &dir() const { return dir_; }
+    const std::string &global_socket() const { return global_sock_; }
+    pid_t group() const { return group_; }
+    // What went wrong, each with the number of times it did.
+    const std::vector<std::pair<std::string, int>> &faults() const { return faults_; }
+    void fault(const std::string &what);
+
+    bool start_servers();
+    bool play(const std::vector<Input> &inputs, std::string *why);
+    bool restart_global();
+    void reap();
+    std::optional<Records> read_global(std::string *why)
+    {
+        return read_all(monitor_, global_db, why);
+    }
+    int daemon_exits_77() const { return exits_77_; }
+    bool broken() const { return broken_; }
+    void detach(); // leaves every child running
+    bool stop_daemons();
+    void stop_all();
+
+private:
+    bool start_redis(Child &c, const std::string &dir);
+    bool answers(Child &server, Redis &conn, const std::string &log, Clock::time_point deadline);
+    void start_daemon(CardRun &r);
+    bool stop(std::vector<Child *> children);
+    void ended(Child &c, int status);
+    bool write_input(const Input &in, std::string *why);
+
+    const Options &o_;
+    std::string dir_;
+    std::string global_sock_;
+    Child global_;
+    Redis monitor_;
+    std::vector<CardRun> runs_;
+    pid_t group_ = 0;
+    std::vector<std::pair<std::string, int>> faults_;
+    int exits_77_ = 0;
+    bool global_restarted_ = false;
+    bool broken_ = false; // a Redis ended unasked, or a daemon for good
+};
+
+bool Chassis::start_redis(Child &c, const std::string &dir)
+{
+    fs::create_directories(dir);
+    std::vector<std::string> argv = {"redis-server"};
+    if (!o_.redis_conf.empty())
+        argv.push_back(o_.redis_conf);
+    else // what the store needs, as the deployment's snippet has it
+        argv.insert(argv.end(), {"--databases", "32", "--notify-keyspace-events", "Kgh$xe",
+                                 "--client-output-buffer-limit", "pubsub 0 0 0"});
+    argv.insert(argv.end(),
+                {"--port", "0", "--unixsocket", dir + "/redis.sock", "--unixsocketperm", "700",
+                 "--save", "", "--appendonly", "no", "--dir", dir, "--loglevel", "warning"});
+    c.pid = spawn(argv, child_env({}), dir + "/redis.log", group_, !o_.keep);
+    c.stopping = false;
+    if (c.pid < 0) {
+        fprintf(stderr, "vek_chassis: cannot start %s: %s\n", c.name.c_str(), strerror(errno));
+        return false;
+    }
+    if (group_ == 0)
+        group_ = c.pid;
+    return true;
+}
+
+// Waits until the server answers on `conn`.
+bool Chassis::answers(Child &server, Redis &conn, const std::string &log,
+                      Clock::time_point deadline)
+{
+    std::string why;
+    while (!conn.command(0, {"PING"}, &why)) {
+        reap();
+        if (server.pid < 0 || g_signal || Clock::now() > deadline) {
+            if (!g_signal)
+                fprintf(stderr, "vek_chassis: %s does not answer: %s; its log ends: %s\n",
+                        server.name.c_str(), why.c_str(), last_line(log).c_str());
+            return false;
+        }
+        nap(10ms);
+    }
+    return true;
+}
+
+// Starts every Redis, then waits until each answers.
+bool Chassis::start_servers()
+{
+    if (!start_redis(global_, dir_ + "/global"))
+        return false;
+    for (CardRun &r : runs_)
+        if (!start_redis(r.redis, r.root))
+            return false;
+    auto deadline = Clock::now() + 20s;
+    if (!answers(global_, monitor_, dir_ + "/global/redis.log", deadline))
+        return false;
+    for (CardRun &r : runs_)
+        if (!answers(r.redis, r.local, r.root + "/redis.log", deadline))
+            return false;
+    // Each card's files: its dependency modules and the platform's marker file.
+    for (CardRun &r : runs_) {
+        fs::create_directories(r.root + "/etc/cap_cfg/cap_dep/fe");
+        fs::create_directories(r.root + "/var/run");
+        for (const std::string &m : r.card->modules)
+            std::ofstream(r.root + "/etc/cap_cfg/cap_dep/fe/" + m);
+        std::ofstream(r.root + "/var/run/vek_cap_ham.txt");
+    }
+    return true;
+}
+
+void Chassis::start_daemon(CardRun &r)
+{
+    std::vector<std::string> env =
+        child_env({"KX_ROOT=" + r.root, "KX_MOM_ADDR=unix:" + r.root + "/redis.sock",
+                   "KX_MOM_ADDR_28=unix:" + global_sock_});
+    r.daemon.pid = spawn({o_.daemon}, env, r.root + "/vek_cap.out", group_, !o_.keep);
+    r.daemon.stopping = false;
+    if (r.daemon.pid < 0)
+        fault("cannot start " + r.daemon.name + ": " + strerror(errno));
+}
+
+// A child has ended: the daemons are started again as their unit would be, anything
+// else is a fault unless it was asked for.
+void Chassis::ended(Child &c, int status)
+{
+    c.pid = -1;
+    c.status = status;
+    if (c.stopping)
+        return;
+    for (CardRun &r : runs_) {
+        if (&c != &r.daemon)
+            continue;
+        // 77: the daemon saw a restarted store, which only --restart-global makes.
+        bool exit_77 = global_restarted_ && WIFEXITED(status) && WEXITSTATUS(status) == 77;
+        bool killed = r.killed && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+        exits_77_ += exit_77;
+        r.killed = false;
+        if (!exit_77 && !killed)
+            fault(c.name + " " + describe(status) + " (see " + r.root + "/vek_cap.out and " +
+                  r.root + "/var/log/vek_cap.log)");
+        if (++r.restarts > restart_limit) {
+            fault(c.name + " is not started again: it ended " + std::to_string(r.restarts) +
+                  " times");
+            broken_ = true;
+            return;
+        }
+        start_daemon(r);
+        return;
+    }
+    fault(c.name + " " + describe(status));
+    broken_ = true;
+}
+
+void Chassis::fault(const std::string &what)
+{
+    auto it = std::ranges::find(faults_, what, &std::pair<std::string, int>::first);
+    if (it == faults_.end())
+        faults_.emplace_back(what, 1);
+    else
+        ++it->second;
+}
+
+void Chassis::reap()
+{
+    int status = 0;
+    for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+        if (global_.pid == pid)
+            ended(global_, status);
+        for (CardRun &r : runs_)
+            for (Child *c : {&r.redis, &r.daemon})
+                if (c->pid == pid)
+                    ended(*c, status);
+    }
+}
+
+// Input `in` of card `c` as the command that writes it into the card's Redis, with the
+// database it goes to.
+std::pair<int, std::vector<std::string>> input_command(const Card &c, const Input &in)
+{
+    auto hset = [](std::string key, const Fields &fields) {
+        std::vector<std::string> args = {"HSET", std::move(key)};
+        for (const auto &[name, value] : fields)
+            args.insert(args.end(), {name, value});
+        return args;
+    };
+    auto text = [](int n) { return std::to_string(n); };
+    const Subcard *sub = in.step == Step::subcard_entry || in.step == Step::subcard_state
+                             ? &c.subcards[static_cast<size_t>(in.a)]
+                             : nullptr;
+    switch (in.step) {
+    case Step::identity:
+        return {tunner_db, hset("p_dev.dp_lib_my_info", {{"card_nodeid", text(c.node)},
+                                                         {"card_type", text(c.type)},
+                                                         {"slotid", text(c.number)},
+                                                         {"sslotid", "0"},
+                                                         {"dm_my_node_type", text(node_type_lc)}})};
+    case Step::devid:
+        return {tunner_db, hset("p_dev.dp_lib_my_chss_info",
+                                {{"devid", text(chassis_devid)}, {"dev_desc", "vek_chassis"}})};
+    case Step::entry: {
+        const Entry &e = c.entries[static_cast<size_t>(in.a)];
+        return {host_db, hset("p_libpub.cap_table|" + key_part(e.url), e.fields)};
+    }
+    case Step::ready: // the packed record: field 5 (ready), varint 1
+        return {host_db, {"SET", "p_libpub.cap_state", "\x28\x01"}};
+    case Step::module:
+        return {host_db, hset("s_frame.cap_dep|" + key_part(c.modules[static_cast<size_t>(in.a)]),
+                              {{"ready", "true"}})};
+    case Step::subcard_entry: {
+        const Entry &e = sub->entries[static_cast<size_t>(in.b)];
+        return {host_db,
+                hset("p_libpub.cap_subcard_table|" + text(sub->node) + "|" + key_part(e.url),
+                     e.fields)};
+    }
+    case Step::subcard_state:
+        return {host_db,
+                hset("p_libpub.cap_subcard_state|" + text(sub->node) + "|" + text(sub->type),
+                     {{"ready", "true"}})};
+    case Step::start:
+    case Step::kill:
+        break;
+    }
+    return {};
+}
+
+bool Chassis::write_input(const Input &in, std::string *why)
+{
+    CardRun &r = runs_[static_cast<size_t>(in.card)];
+    if (in.step == Step::start) {
+        start_daemon(r);
+    } else if (in.step == Step::kill) {
+        r.killed = r.daemon.pid > 0 && kill(r.daemon.pid, SIGKILL) == 0;
+        if (r.killed)
+            printf("kill -9 %s (pid %d) in the middle of its inputs\n", r.daemon.name.c_str(),
+                   r.daemon.pid);
+    } else {
+        auto [db, command] = input_command(*r.card, in);
+        return r.local.command(db, command, why);
+    }
+    return true;
+}
+
+bool Chassis::play(const std::vector<Input> &inputs, std::string *why)
+{
+    for (const Input &in : inputs) {
+        if (g_signal)
+            return false;
+        if (!write_input(in, why)) {
+            *why = "card " + std::to_string(in.card + 1) + ": " + *why;
+            return false;
+        }
+        reap();
+    }
+    return true;
+}
+
+// Ends the children (SIGTERM, then SIGKILL after 10 s); true when all ended by
+// SIGTERM in time.
+bool Chassis::stop(std::vector<Child *> children)
+{
+    std::erase_if(children, [](const Child *c) { return c->pid <= 0; });
+    for (Child *c : children) {
+        c->stopping = true;
+        kill(c->pid, SIGTERM);
+    }
+    auto deadline = Clock::now() + 10s;
+    bool in_time = true;
+    for (;;) {
+        reap();
+        bool left = std::ranges::any_of(children, [](const Child *c) { return c->pid > 0; });
+        if (!left)
+            return in_time;
+        if (Clock::now() > deadline) {
+            in_time = false;
+            for (Child *c : children)
+                if (c->pid > 0)
+                    kill(c->pid, SIGKILL);
+        }
+        nap(5ms);
+    }
+}
+
+// Restarts the global Redis, empty and with a new run id, as after a crash of the
+// supervisor's store.
+bool Chassis::restart_global()
+{
+    stop({&global_});
+    global_restarted_ = true;
+    return start_redis(global_, dir_ + "/global") &&
+           answers(global_, monitor_, dir_ + "/global/redis.log", Clock::now() + 20s);
+}
+
+// Stops every vek_cap; true when each ended with status 0, as SIGTERM asks.
+bool Chassis::stop_daemons()
+{
+    std::vector<Child *> daemons;
+    for (CardRun &r : runs_)
+        if (r.daemon.pid > 0)
+            daemons.push_back(&r.daemon);
+    stop(daemons);
+    bool clean = true;
+    for (const Child *c : daemons)
+        if (!(WIFEXITED(c->status) && WEXITSTATUS(c->status) == 0)) {
+            fault(c->name + " " + describe(c->status) + " on SIGTERM");
+            clean = false;
+        }
+    return clean;
+}
+
+void Chassis::detach()
+{
+    global_.pid = -1;
+    for (CardRun &r : runs_)
+        r.redis.pid = r.daemon.pid = -1;
+}
+
+void Chassis::stop_all()
+{
+    std::vector<Child *> daemons, servers = {&global_};
+    for (CardRun &r : runs_)
+        daemons.push_back(&r.daemon), servers.push_back(&r.redis);
+    stop(daemons);
+    stop(servers);
+}
+
+// ---------------------------------------------------------------- the view of db 28
+
+struct NodeView {
+    bool ready = false;
+    std::string devid = "-";
+    int entries = 0;
+};
+
+// The table name and node of a chassis key ("s_frame.cap_glb_table|16|/fe/l2").
+std::optional<std::pair<std::string, int>> table_and_node(const std::string &key)
+{
+    size_t bar = key.find('|');
+    if (bar == std::string::npos)
+        return std::nullopt;
+    size_t end = key.find('|', bar + 1);
+    auto node = number(key.substr(bar + 1, end == std::string::npos ? end : end - bar - 1).c_str(),
+                       INT32_MIN, INT32_MAX);
+    if (!node)
+        return std::nullopt;
+    return std::pair(key.substr(0, bar), static_cast<int>(*node));
+}
+
+// What db 28 says of every node, by node.
+std::map<int, NodeView> nodes_of(const Records &records)
+{
+    std::map<int, NodeView> nodes;
+    for (const auto &[key, fields] : records) {
+        auto tn = table_and_node(key);
+        if (!tn)
+            continue;
+        NodeView &v = nodes[tn->second];
+        if (tn->first == "s_frame.cap_fe_ready" || tn->first == "s_frame.cap_subcard_ready") {
+            v.ready = fields.contains("ready") && fields.at("ready") == "true";
+            if (fields.contains("devid"))
+                v.devid = fields.at("devid");
+        } else {
+            ++v.entries;
+        }
+    }
+    return nodes;
+}
+
+size_t matching(const Records &want, const Records &have)
+{
+    return static_cast<size_t>(std::ranges::count_if(want, [&](const auto &kv) {
+        auto it = have.find(kv.first);
+        return it != have.end() && it->second == kv.second;
+    }));
+}
+
+std::string shown(const std::string &s)
+{
+    bool bare = !s.empty() &&
+                std::ranges::all_of(s, [](char c) { return c > ' ' && c < 0x7f && c != '"'; });
+    if (bare)
+        return s;
+    std::string out = "\"";
+    for (char c : s)
+        out += c == '"' ? "\\\"" : c == '\\' ? "\\\\" : std::string(1, c);
+    return out + "\"";
+}
+
+std::string record_text(const std::string &key, const Fields &fields)
+{
+    std::string out = shown(key);
+    for (const auto &[name, value] : fields)
+        out += " " + name + "=" + shown(value);
+    return out;
+}
+
+// The records missing from `have`, those it has in excess, and those that differ.
+std::vector<std::string> difference(const Records &want, const Records &have)
+{
+    std::vector<std::string> lines;
+    for (const auto &[key, fields] : want) {
+        auto it = have.find(key);
+        if (it == have.end())
+            lines.push_back("missing  " + record_text(key, fields));
+        else if (it->second != fields)
+            lines.push_back("differs  " + record_text(key, fields) + "\n   found  " +
+                            record_text(key, it->second));
+    }
+    for (const auto &[key, fields] : have)
+        if (!want.contains(key))
+            lines.push_back("stray    " + record_text(key, fields));
+    return lines;
+}
+
+// The converging chassis: a table redrawn in place on a terminal, a line a second
+// otherwise.
+class View {
+public:
+    View(const std::vector<Card> &cards, const Records &expected, uint64_t seed)
+        : cards_(cards), expected_(expected), seed_(seed), tty_(isatty(STDOUT_FILENO))
+    {}
+
+    void show(const Records &have, long long ms, bool last = false)
+    {
+        size_t ok = matching(expected_, have);
+        if (!tty_) {
+            if (ok != last_ok_ && (last || ms >= next_line_ms_)) {
+                printf("%6.2f s  db 28: %zu of %zu records as expected, %zu records in all\n",
+                       ms / 1e3, ok, expected_.size(), have.size());
+                fflush(stdout);
+                last_ok_ = ok;
+                next_line_ms_ = ms + 1000;
+            }
+            return;
+        }
+        if (!last && ms < next_line_ms_)
+            return;
+        next_line_ms_ = ms + 100;
+        winsize ws{};
+        int rows = ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_row > 4 ? ws.ws_row : 24;
+        std::string out = "\033[H"; // and the last frame in full, whatever the height
+        char line[256];
+        snprintf(line, sizeof line,
+                 "vek_chassis: %zu cards, seed %llu, %.2f s: db 28 holds %zu of %zu records",
+                 cards_.size(), static_cast<unsigned long long>(seed_), ms / 1e3, ok,
+                 expected_.size());
+        out += std::string(line) +
+               (have.size() > ok ? " (+" + std::to_string(have.size() - ok) + " other)" : "");
+        out +=
+            "\033[K\n card  node type devid ready entries   subcards (node ready entries)\033[K\n";
+        auto nodes = nodes_of(have);
+        int shown_rows = 0;
+        for (const Card &c : cards_) {
+            if (!last && ++shown_rows > rows - 4) {
+                out += "  ... " +
+                       std::to_string(cards_.size() - static_cast<size_t>(shown_rows) + 1) +
+                       " more cards\033[K\n";
+                break;
+            }
+            const NodeView &v = nodes[c.node];
+            snprintf(line, sizeof line, "%5d %5d %4d %5s %5s %3d/%-3zu", c.number, c.node, c.type,
+                     v.devid.c_str(), v.ready ? "yes" : "-", v.entries, c.entries.size());
+            out += line;
+            for (const Subcard &s : c.subcards) {
+                const NodeView &sv = nodes[s.node];
+                snprintf(line, sizeof line, "  %5d %3s %d/%zu", s.node, sv.ready ? "yes" : "-",
+                         sv.entries, s.entries.size());
+                out += line;
+            }
+            out += "\033[K\n";
+        }
+        fputs((out + "\033[J").c_str(), stdout);
+        fflush(stdout);
+    }
+
+    void begin()
+    {
+        if (tty_)
+            fputs("\033[2J", stdout);
+    }
+
+private:
+    const std::vector<Card> &cards_;
+    const Records &expected_;
+    uint64_t seed_;
+    bool tty_;
+    long long next_line_ms_ = 0;
+    size_t last_ok_ = SIZE_MAX;
+};
+
+enum class Outcome { converged, timed_out, interrupted, failed };
+
+// Watches db 28 until it holds exactly `expected`; `have` is what it held last.
+Outcome converge(Chassis &chassis, View &view, const Records &expected, Clock::time_point since,
+                 int timeout_s, Records &have)
+{
+    view.begin();
+    auto deadline = since + std::chrono::seconds(timeout_s);
+    for (;;) {
+        chassis.reap();
+        if (g_signal)
+            return Outcome::interrupted;
+        if (chassis.broken())
+            return Outcome::failed;
+        std::string why;
+        if (auto records = chassis.read_global(&why))
+            have = std::move(*records);
+        bool done = have == expected;
+        view.show(have, ms_since(since), done);
+        if (done)
+            return Outcome::converged;
+        if (Clock::now() > deadline)
+            return Outcome::timed_out;
+        nap(20ms);
+    }
+}
+
+void print_difference(const Records &expected, const Records &have)
+{
+    auto lines = difference(expected, have);
+    constexpr size_t most = 40;
+    for (size_t i = 0; i < lines.size() && i < most; ++i)
+        printf("  %s\n", lines[i].c_str());
+    if (lines.size() > most)
+        printf("  ... and %zu more\n", lines.size() - most);
+}
+
+std::string tools_dir()
+{
+    std::error_code ec;
+    fs::path self = fs::read_symlink("/proc/self/exe", ec);
+    return ec ? std::string(".") : self.parent_path().string();
+}
+
+void print_keep(Chassis &chassis)
+{
+    const std::string &d = chassis.dir();
+    std::string tools = tools_dir();
+    printf("\nEverything is still running, in %s (process group %d). To explore:\n"
+           "    export KX_MOM_ADDR=unix:%s\n"
+           "    %s/kxctl chassis\n"
+           "    %s/kxctl watch s_frame.cap_fe_ready\n"
+           "    redis-cli -s %s -n 28 keys '*'\n"
+           "    KX_ROOT=%s/card1 %s/ssat vek_cap dump_all\n"
+           "    less %s/card1/var/log/vek_cap.log\n"
+           "Daemons that end are no longer started again. To stop it all:\n"
+           "    kill -- -%d; rm -rf %s\n",
+           d.c_str(), chassis.group(), chassis.global_socket().c_str(), tools.c_str(),
+           tools.c_str(), chassis.global_socket().c_str(), d.c_str(), tools.c_str(), d.c_str(),
+           chassis.group(), d.c_str());
+}
+
+void print_faults(const Chassis &chassis)
+{
+    for (const auto &[what, times] : chassis.faults())
+        printf("fault: %s%s\n", what.c_str(),
+               times > 1 ? (" (" + std::to_string(times) + " times)").c_str() : "");
+}
+
+// Stops everything: true when the daemons stopped cleanly and left db 28 exactly as
+// expected, nothing went wrong on the way and no process is left.
+bool stop_and_check(Chassis &chassis, const Records &expected, bool exact)
+{
+    bool ok = chassis.stop_daemons() && exact;
+    std::string why;
+    if (auto after = ok ? chassis.read_global(&why) : std::nullopt; ok && after != expected) {
+        printf("db 28 changed when the daemons stopped:\n");
+        print_difference(expected, after.value_or(Records{}));
+        ok = false;
+    }
+    chassis.stop_all();
+    print_faults(chassis);
+    if (chassis.group() > 0 && kill(-chassis.group(), 0) == 0) {
+        printf("fault: processes of group %d are left; killing them\n", chassis.group());
+        kill(-chassis.group(), SIGKILL);
+        ok = false;
+    }
+    return ok && chassis.faults().empty();
+}
+
+// Runs the chassis; the exit status. `kept` when everything is left running.
+int run(const Options &o, const std::vector<Card> &cards, const std::vector<Input> &inputs,
+        const std::string &dir, bool *kept)
+{
+    Records expected = expected_records(cards);
+    Chassis chassis(o, cards, dir);
+    View view(cards, expected, o.seed);
+    auto fail = [&](const std::string &why) {
+        chassis.stop_all();
+        print_faults(chassis);
+        if (!why.empty())
+            fprintf(stderr, "vek_chassis: %s\n", why.c_str());
+        return g_signal ? 128 + g_signal : exit_failed;
+    };
+    if (!chassis.start_servers())
+        return fail(g_signal ? "interrupted" : "");
+    printf("%zu cards started their Redis; %zu inputs follow in random order\n", cards.size(),
+           inputs.size());
+    fflush(stdout);
+
+    Records have;
+    auto t0 = Clock::now();
+    std::string why;
+    if (!chassis.play(inputs, &why))
+        return fail(g_signal ? "interrupted" : why);
+    long long played_ms = ms_since(t0);
+    Outcome out = converge(chassis, view, expected, t0, o.timeout_s, have);
+    long long converged_ms = ms_since(t0);
+    if (out == Outcome::converged) {
+        printf(
+            "db 28 holds exactly the %zu expected records: %lld ms after the first input (inputs "
+            "written in %lld ms)\n",
+            expected.size(), converged_ms, played_ms);
+        if (o.restart_global) {
+            printf("restarting the global Redis: every vek_cap is to exit 77 and start again\n");
+            fflush(stdout);
+            auto t1 = Clock::now();
+            if (!chassis.restart_global())
+                return fail("the global redis-server did not come back");
+            out = converge(chassis, view, expected, t1, o.timeout_s, have);
+            if (out == Outcome::converged)
+                printf("converged again %lld ms after the restart; %d daemons exited 77 and were "
+                       "started again\n",
+                       ms_since(t1), chassis.daemon_exits_77());
+            if (out == Outcome::converged && chassis.daemon_exits_77() != o.cards)
+                chassis.fault("the global restart made " +
+                              std::to_string(chassis.daemon_exits_77()) + " of " +
+                              std::to_string(o.cards) + " daemons exit 77");
+        }
+    }
+    if (out == Outcome::interrupted)
+        return fail("interrupted");
+    bool exact = out == Outcome::converged;
+    if (!exact) {
+        printf("db 28 does not hold what the inputs give:\n");
+        print_difference(expected, have);
+    }
+    if (o.keep) {
+        print_faults(chassis);
+        print_keep(chassis);
+        chassis.detach();
+        *kept = true;
+        exact = exact && chassis.faults().empty();
+    } else {
+        exact = stop_and_check(chassis, expected, exact);
+    }
+    if (exact) {
+        printf("converged %zu cards, %zu records in %lld ms\n", cards.size(), expected.size(),
+               converged_ms);
+        return 0;
+    }
+    if (!o.keep)
+        printf("--seed %llu --keep plays this again and leaves it running to look into\n",
+               static_cast<unsigned long long>(o.seed));
+    printf("not converged: %zu cards, %zu of %zu records after %lld ms\n", cards.size(),
+           matching(expected, have), expected.size(), converged_ms);
+    return exit_failed;
+}
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Options o;
+    bool seed_given = false;
+    for (int i = 1; i < argc; ++i)
+        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0)
+            return fputs(usage_text, stdout), 0;
+    if (auto why = parse_options(argc, argv, o, seed_given)) {
+        fprintf(stderr, "vek_chassis: %s\n%s", why->c_str(), usage_text);
+        return exit_usage;
+    }
+    if (!seed_given)
+        o.seed = std::random_device{}() % 1000000;
+    Rng rng{std::mt19937_64(o.seed)};
+    std::vector<Card> cards = make_cards(o, rng);
+    std::vector<Input> inputs = boot_order(cards, o, rng);
+
+    struct sigaction sa {};
+    sa.sa_handler = on_signal;
+    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+        sigaction(sig, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    const char *tmp = getenv("TMPDIR");
+    std::string dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/vek_chassis.XXXXXX";
+    if (!mkdtemp(dir.data())) {
+        perror("vek_chassis: mkdtemp");
+        return exit_failed;
+    }
+    printf("vek_chassis: %d cards of %d entries, %d subcards of %d entries each; seed %llu "
+           "(--seed %llu plays this order again)\n",
+           o.cards, o.entries, o.subcards, o.subcard_entries,
+           static_cast<unsigned long long>(o.seed), static_cast<unsigned long long>(o.seed));
+    fflush(stdout);
+    bool kept = false;
+    int status = run(o, cards, inputs, dir, &kept);
+    std::error_code ec;
+    if (!kept)
+        fs::remove_all(dir, ec);
+    return status;
+}
