@@ -53,10 +53,7 @@ void measure(std::vector<Measure> &all)
     }
 }
 
-std::string url(int i)
-{
-    return "/fe/l3/entry/" + std::to_string(i);
-}
+std::string url(int i) { return "/fe/l3/entry/" + std::to_string(i); }
 
 // A record of card 16 in s_frame.cap_glb_table, its url borrowed.
 struct GlbRecord {
@@ -101,12 +98,13 @@ bool run()
     // The same command libkx sends for a record written with fields 6, 7, 8.
     std::vector<Measure> all;
     all.push_back({"raw hiredis HSET (3 fields)", kRecords, [&] {
-        for (int i = 0; i < kRecords; ++i) {
-            std::string key = "s_frame.cap_glb_table|16|" + url(i);
-            freeReplyObject(redisCommand(raw, "HSET %s bool_value %s int32_value %d str_value %s",
-                                         key.c_str(), "true", i, "x"));
-        }
-    }});
+                       for (int i = 0; i < kRecords; ++i) {
+                           std::string key = "s_frame.cap_glb_table|16|" + url(i);
+                           freeReplyObject(redisCommand(
+                               raw, "HSET %s bool_value %s int32_value %d str_value %s",
+                               key.c_str(), "true", i, "x"));
+                       }
+                   }});
 
     std::vector<std::string> urls;
     for (int i = 0; i < kRecords; ++i)
@@ -114,29 +112,30 @@ bool run()
     const int32_t tags[] = {6, 7, 8};
     int failures = 0;
     all.push_back({"kx_mom_hmset_sync (3 fields)", kRecords, [&] {
-        for (int i = 0; i < kRecords; ++i) {
-            GlbRecord r(urls[i]);
-            r.rec.bool_value = 1;
-            r.rec.int32_value = i;
-            r.rec.str_value = const_cast<char *>("x");
-            failures += kx_mom_hmset_sync(g, 28, &r.rec.base, tags, 3) != 0;
-        }
-    }});
+                       for (int i = 0; i < kRecords; ++i) {
+                           GlbRecord r(urls[i]);
+                           r.rec.bool_value = 1;
+                           r.rec.int32_value = i;
+                           r.rec.str_value = const_cast<char *>("x");
+                           failures += kx_mom_hmset_sync(g, 28, &r.rec.base, tags, 3) != 0;
+                       }
+                   }});
 
     all.push_back({"kx_mom_hgetall_sync", kRecords, [&] {
-        for (int i = 0; i < kRecords; ++i) {
-            GlbRecord key(urls[i]);
-            kx_mom_hash_res *res = kx_mom_hgetall_sync(g, 28, &key.rec.base);
-            failures += !res || !res->obj;
-            kx_mom_hash_res_free(res);
-        }
-    }});
+                       for (int i = 0; i < kRecords; ++i) {
+                           GlbRecord key(urls[i]);
+                           kx_mom_hash_res *res = kx_mom_hgetall_sync(g, 28, &key.rec.base);
+                           failures += !res || !res->obj;
+                           kx_mom_hash_res_free(res);
+                       }
+                   }});
 
     int delivered = 0;
     all.push_back({"kx_mom_scan_sync, per record", kRecords, [&] {
-        SFrame__CapGlbTable table = S_FRAME__CAP_GLB_TABLE__INIT;
-        failures += kx_mom_scan_sync(g, 28, &table.base, 0, count_record, &delivered) != 0;
-    }});
+                       SFrame__CapGlbTable table = S_FRAME__CAP_GLB_TABLE__INIT;
+                       failures +=
+                           kx_mom_scan_sync(g, 28, &table.base, 0, count_record, &delivered) != 0;
+                   }});
     measure(all);
     if (failures || delivered != kRounds * kRecords)
         return fail("some operations failed");
@@ -154,7 +153,4 @@ bool run()
 
 } // namespace
 
-int main()
-{
-    return run() ? 0 : 1;
-}
+int main() { return run() ? 0 : 1; }

@@ -53,7 +53,8 @@ struct Redis {
         std::vector<size_t> lens;
         for (const auto &a : argv)
             args.push_back(a.data()), lens.push_back(a.size());
-        freeReplyObject(redisCommandArgv(c, static_cast<int>(args.size()), args.data(), lens.data()));
+        freeReplyObject(
+            redisCommandArgv(c, static_cast<int>(args.size()), args.data(), lens.data()));
     }
 };
 
@@ -134,8 +135,9 @@ bool run_card(int n, bool idle, Figures *out)
 
     host.cmd({"SELECT", "3"});
     for (int i = 0; i < n; ++i)
-        host.cmd({"HSET", "p_libpub.cap_table|/fe/l3/entry/" + std::to_string(i), "bool_value", "true",
-                  "int32_value", std::to_string(i), "str_value", "x", "pri", "1", "state", "true"});
+        host.cmd({"HSET", "p_libpub.cap_table|/fe/l3/entry/" + std::to_string(i), "bool_value",
+                  "true", "int32_value", std::to_string(i), "str_value", "x", "pri", "1", "state",
+                  "true"});
     host.cmd({"HSET", "s_frame.cap_dep|fib_mgr", "ready", "true"});
     host.cmd({"SELECT", "1"});
     host.cmd({"HSET", "p_dev.dp_lib_my_info", "card_nodeid", "16", "card_type", "5"});
@@ -144,10 +146,12 @@ bool run_card(int n, bool idle, Figures *out)
     sub.cmd({"SUBSCRIBE", "__keyspace@28__:s_frame.cap_fe_ready|16|5"});
 
     const std::string log = root / "vek_cap.log";
-    Process daemon({VEK_CAP_BIN}, {{"KX_ROOT", root.path()}, {"KX_MOM_ADDR", server.addr()}, {"KX_LOG", log}},
+    Process daemon({VEK_CAP_BIN},
+                   {{"KX_ROOT", root.path()}, {"KX_MOM_ADDR", server.addr()}, {"KX_LOG", log}},
                    root.path(), "vek_cap");
-    if (!testsupport::wait_for([&] { return testsupport::read_file(log).find("CHSS INFO subscribe ok") !=
-                                            std::string::npos; }))
+    if (!testsupport::wait_for([&] {
+            return testsupport::read_file(log).find("CHSS INFO subscribe ok") != std::string::npos;
+        }))
         return fail("the daemon did not start");
     // Every round is a whole publication: each local ready record has the table copied again.
     out->publish_us = out->republish_us = 1e300;
@@ -171,7 +175,8 @@ bool run_card(int n, bool idle, Figures *out)
         // idle starts once the daemon has not been woken for half a second.
         pid_t pid = daemon.pid();
         auto switches = [pid] {
-            return proc_status(pid, "voluntary_ctxt_switches") + proc_status(pid, "nonvoluntary_ctxt_switches");
+            return proc_status(pid, "voluntary_ctxt_switches") +
+                   proc_status(pid, "nonvoluntary_ctxt_switches");
         };
         for (long last = -1; last != switches();) {
             last = switches();
@@ -179,8 +184,8 @@ bool run_card(int n, bool idle, Figures *out)
         }
         long cs = switches(), cpu = proc_cpu_ticks(pid);
         sleep(kIdleSeconds);
-        printf("idle %d s while connected: %ld context switches, %ld CPU ticks (of %ld per s)\n", kIdleSeconds,
-               switches() - cs, proc_cpu_ticks(pid) - cpu, sysconf(_SC_CLK_TCK));
+        printf("idle %d s while connected: %ld context switches, %ld CPU ticks (of %ld per s)\n",
+               kIdleSeconds, switches() - cs, proc_cpu_ticks(pid) - cpu, sysconf(_SC_CLK_TCK));
     }
     return true;
 }
@@ -202,12 +207,13 @@ int main(int argc, char **argv)
         all.push_back(f);
     }
     printf("best of %d rounds, Unix socket; raw = one hiredis HSET of 3 fields\n", kRounds);
-    printf("%9s %10s %14s %12s %16s %12s %10s\n", "entries", "raw us", "publish ms", "/ N raw", "republish ms",
-           "/ N raw", "VmHWM kB");
+    printf("%9s %10s %14s %12s %16s %12s %10s\n", "entries", "raw us", "publish ms", "/ N raw",
+           "republish ms", "/ N raw", "VmHWM kB");
     for (const Figures &f : all) {
         double floor_us = f.raw_us * f.entries;
-        printf("%9d %10.2f %14.2f %12.2f %16.2f %12.2f %10ld\n", f.entries, f.raw_us, f.publish_us / 1000,
-               f.publish_us / floor_us, f.republish_us / 1000, f.republish_us / floor_us, f.hwm_kb);
+        printf("%9d %10.2f %14.2f %12.2f %16.2f %12.2f %10ld\n", f.entries, f.raw_us,
+               f.publish_us / 1000, f.publish_us / floor_us, f.republish_us / 1000,
+               f.republish_us / floor_us, f.hwm_kb);
     }
     return 0;
 }

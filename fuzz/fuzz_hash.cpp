@@ -26,7 +26,8 @@ std::vector<std::string> texts(const kx_mom_hash_res *res)
     auto *record = static_cast<const ProtobufCMessage *>(res->obj);
     std::vector<std::string> out;
     for (int32_t tag : std::span(res->field_tag, res->field_len)) {
-        const ProtobufCFieldDescriptor *f = protobuf_c_message_descriptor_get_field(record->descriptor, tag);
+        const ProtobufCFieldDescriptor *f =
+            protobuf_c_message_descriptor_get_field(record->descriptor, tag);
         out.push_back(f->name + std::string("=") + kx::field_text(record, f));
     }
     return out;
@@ -45,8 +46,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const ProtobufCMessageDescriptor *table = tables[data[0] % n];
     if (kx::stored_whole(table))
         return 0;
-    std::vector<std::string_view> parts = split({reinterpret_cast<const char *>(data + 1), size - 1});
-    std::string key = table->name + std::string(kx::index_field(table) ? "|" : "") + std::string(parts[0]);
+    std::vector<std::string_view> parts =
+        split({reinterpret_cast<const char *>(data + 1), size - 1});
+    std::string key =
+        table->name + std::string(kx::index_field(table) ? "|" : "") + std::string(parts[0]);
     std::vector<kx::FieldValue> fields;
     for (size_t i = 1; i + 1 < parts.size(); i += 2)
         fields.push_back({parts[i], parts[i + 1]});
@@ -58,7 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::vector<std::string> first = texts(res.get()), again_text;
     std::vector<kx::FieldValue> again;
     for (const std::string &t : first)
-        again.push_back({std::string_view(t).substr(0, t.find('=')), std::string_view(t).substr(t.find('=') + 1)});
+        again.push_back({std::string_view(t).substr(0, t.find('=')),
+                         std::string_view(t).substr(t.find('=') + 1)});
     kx::HashRes reread(kx::decode_hash(28, key, table, again, &error));
     if (!reread || !reread->obj || texts(reread.get()) != first)
         abort();

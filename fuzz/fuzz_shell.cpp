@@ -38,7 +38,8 @@ bool well_formed(std::string_view reply)
         return false;
     std::string_view head = reply.substr(0, eol), body = reply.substr(eol + 1);
     if (head.starts_with("ERR "))
-        return body.empty() && std::all_of(head.begin(), head.end(), [](char c) { return c >= ' ' && c < 0x7f; });
+        return body.empty() &&
+               std::all_of(head.begin(), head.end(), [](char c) { return c >= ' ' && c < 0x7f; });
     return head.starts_with("OK ") && head.substr(3) == std::to_string(body.size());
 }
 

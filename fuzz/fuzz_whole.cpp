@@ -12,8 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const ProtobufCMessageDescriptor *table = &p_libpub__cap_state__descriptor;
     std::string error;
     kx::Message record;
-    if (kx::decode_whole(table, "p_libpub.cap_state", {reinterpret_cast<const char *>(data), size}, &record,
-                         &error) != 0)
+    if (kx::decode_whole(table, "p_libpub.cap_state", {reinterpret_cast<const char *>(data), size},
+                         &record, &error) != 0)
         return 0;
     std::string packed = kx::encode_whole(record.get());
     kx::Message again;

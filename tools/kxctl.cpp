@@ -63,9 +63,10 @@ constexpr const char *usage_head =
 // The usage, ending with the database of every table.
 std::string usage()
 {
-    std::string text = std::string(usage_head) +
-                       "DB defaults to the table's own database (chassis: " +
-                       std::to_string(KX_MOM_DB_CE_GLOBAL) + "):\n";
+    std::string text =
+        std::string(usage_head) +
+        "DB defaults to the table's own database (chassis: " + std::to_string(KX_MOM_DB_CE_GLOBAL) +
+        "):\n";
     for (const kx_mom_table_home &home : kx_mom_table_homes)
         text += (home.db < 10 ? "   " : "  ") + std::to_string(home.db) + "  " + home.table + "\n";
     return text;
@@ -107,14 +108,19 @@ int32_t home_db(const Table *table)
 std::string type_name(const Field *f)
 {
     switch (f->type) {
-    case PROTOBUF_C_TYPE_INT32: return "int32";
-    case PROTOBUF_C_TYPE_BOOL: return "bool";
-    case PROTOBUF_C_TYPE_STRING: return "string";
-    case PROTOBUF_C_TYPE_BYTES: return "bytes";
+    case PROTOBUF_C_TYPE_INT32:
+        return "int32";
+    case PROTOBUF_C_TYPE_BOOL:
+        return "bool";
+    case PROTOBUF_C_TYPE_STRING:
+        return "string";
+    case PROTOBUF_C_TYPE_BYTES:
+        return "bytes";
     case PROTOBUF_C_TYPE_ENUM:
         return std::string("enum:") +
                static_cast<const ProtobufCEnumDescriptor *>(f->descriptor)->name;
-    default: return "unsupported";
+    default:
+        return "unsupported";
     }
 }
 
@@ -263,10 +269,7 @@ int connect_db(Session &s, int32_t db)
     return rc ? store_failure("cannot connect to database " + std::to_string(db), rc) : 0;
 }
 
-void print(const Line &line, Style style)
-{
-    fputs(kxctl::render(line, style).c_str(), stdout);
-}
+void print(const Line &line, Style style) { fputs(kxctl::render(line, style).c_str(), stdout); }
 
 int cmd_get(Session &s, const Request &req)
 {
@@ -301,9 +304,8 @@ int cmd_set_or_del(Session &s, const Request &req)
                                          static_cast<int32_t>(req.value_tags.size()));
     if (rc == 0)
         return 0;
-    return store_failure((del ? "cannot delete " : "cannot write ") +
-                             kx::record_key(req.record.get()),
-                         rc);
+    return store_failure(
+        (del ? "cannot delete " : "cannot write ") + kx::record_key(req.record.get()), rc);
 }
 
 // One readable record of a scan: its hash result and its decoded record.
@@ -381,12 +383,18 @@ int cmd_scan(Session &s, const Request &req)
 const char *event_name(int32_t cmd)
 {
     switch (cmd) {
-    case KX_MOM_CMD_SET: return "set";
-    case KX_MOM_CMD_DEL: return "del";
-    case KX_MOM_CMD_HSET: return "hset";
-    case KX_MOM_CMD_HDEL: return "hdel";
-    case KX_MOM_CMD_SUBSCRIBED: return "subscribed";
-    default: return nullptr;
+    case KX_MOM_CMD_SET:
+        return "set";
+    case KX_MOM_CMD_DEL:
+        return "del";
+    case KX_MOM_CMD_HSET:
+        return "hset";
+    case KX_MOM_CMD_HDEL:
+        return "hdel";
+    case KX_MOM_CMD_SUBSCRIBED:
+        return "subscribed";
+    default:
+        return nullptr;
     }
 }
 
@@ -490,8 +498,11 @@ int cmd_chassis(Session &s, int32_t db, Style style)
         for (auto [node, n] : counts) {
             std::string text = std::to_string(node);
             if (!has_ready[node])
-                lines.push_back({{}, std::string(entries_name) + "|" + text,
-                                 {{"node", text, kxctl::Kind::bare}}, std::nullopt, n});
+                lines.push_back({{},
+                                 std::string(entries_name) + "|" + text,
+                                 {{"node", text, kxctl::Kind::bare}},
+                                 std::nullopt,
+                                 n});
         }
         print_sorted(lines, style);
         status = status ? status : rc ? rc : rc2;

@@ -72,10 +72,7 @@ constexpr const char *usage_text =
 
 volatile sig_atomic_t g_signal = 0;
 
-void on_signal(int sig)
-{
-    g_signal = sig;
-}
+void on_signal(int sig) { g_signal = sig; }
 
 long long ms_since(Clock::time_point t)
 {
@@ -1005,7 +1002,8 @@ class View {
 public:
     View(const std::vector<Card> &cards, const Records &expected, uint64_t seed)
         : cards_(cards), expected_(expected), seed_(seed), tty_(isatty(STDOUT_FILENO))
-    {}
+    {
+    }
 
     void show(const Records &have, long long ms, bool last = false)
     {

@@ -193,8 +193,5 @@ int vek_cap_main(void)
 }
 
 #ifndef VEK_CAP_UNIT_TEST
-int main(void)
-{
-    return vek_cap_main();
-}
+int main(void) { return vek_cap_main(); }
 #endif

@@ -23,7 +23,8 @@ inline constexpr int32_t VEK_CAP_DB_CE_GLOBAL = KX_MOM_DB_CE_GLOBAL; // "ce_glob
 // ---- fixed paths (each is put behind KX_ROOT) ----------------------------------
 inline constexpr const char *VEK_CAP_DEP_DIR = "/etc/cap_cfg/cap_dep/fe";
 inline constexpr const char *VEK_CAP_HAM_FILE = "/var/run/vek_cap_ham.txt";
-inline constexpr const char *VEK_CAP_DBG_FILE = "/data/.tavo/vsd/0/sw-frame/cap/vek_cap/vek_cap_dbg.txt";
+inline constexpr const char *VEK_CAP_DBG_FILE =
+    "/data/.tavo/vsd/0/sw-frame/cap/vek_cap/vek_cap_dbg.txt";
 
 // ---- process-wide state ----------------------------------------------------------
 struct vek_cap_db_state_t {
@@ -67,7 +68,7 @@ struct vek_cap_dep_hash_t {
     uint32_t size;
     uint32_t n_occupied;
     uint32_t upper_bound;
-    uint32_t *flags;          // two state bits per bucket: 2 empty, 1 deleted, 0 live
+    uint32_t *flags; // two state bits per bucket: 2 empty, 1 deleted, 0 live
     vek_cap_dep_item **keys;
 };
 
@@ -102,13 +103,13 @@ void vek_cap_log_emit(std::string_view unit, std::string_view func, long line, i
 #define VEK_CAP_LOG(gate, level, ...) VEK_CAP_LOG_AS(__func__, gate, level, __VA_ARGS__)
 
 // The same, naming the operation `func` explicitly (main's steps sit in vek_cap_main).
-#define VEK_CAP_LOG_AS(func, gate, level, ...)                                         \
-    do {                                                                               \
-        if (g_vek_cap_dbg_level >= (gate)) {                                           \
-            char vek_cap_log_buf_[1024] = {};                                          \
-            at_snprintf(vek_cap_log_buf_, sizeof vek_cap_log_buf_, __VA_ARGS__);       \
-            vek_cap_log_emit(vek_cap_unit, (func), __LINE__, (level), vek_cap_log_buf_); \
-        }                                                                              \
+#define VEK_CAP_LOG_AS(func, gate, level, ...)                                                     \
+    do {                                                                                           \
+        if (g_vek_cap_dbg_level >= (gate)) {                                                       \
+            char vek_cap_log_buf_[1024] = {};                                                      \
+            at_snprintf(vek_cap_log_buf_, sizeof vek_cap_log_buf_, __VA_ARGS__);                   \
+            vek_cap_log_emit(vek_cap_unit, (func), __LINE__, (level), vek_cap_log_buf_);           \
+        }                                                                                          \
     } while (0)
 
 // A time stamp's two words for "%lu:%lu".

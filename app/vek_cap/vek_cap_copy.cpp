@@ -21,8 +21,7 @@ namespace {
 
 // The destination record on the stack: no allocation, the url and the string borrowed
 // from the delivered entry.
-template <class Dst, class DstIndex>
-struct vek_cap_glb_entry {
+template <class Dst, class DstIndex> struct vek_cap_glb_entry {
     DstIndex index;
     Dst record;
 };

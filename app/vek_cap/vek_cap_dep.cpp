@@ -31,7 +31,8 @@ int vek_cap_dep_validate(vek_cap_dep_item *item, void *priv)
         return -4;
     }
     dep_query query(item);
-    int32_t rv = kx_mom_subscribe(g_vek_cap_global, VEK_CAP_DB_HOST, query.key(), 0, vek_cap_dep_pmsg_f, item);
+    int32_t rv = kx_mom_subscribe(g_vek_cap_global, VEK_CAP_DB_HOST, query.key(), 0,
+                                  vek_cap_dep_pmsg_f, item);
     if (rv != 0) {
         VEK_CAP_ERR("failed,rv %d", rv);
         return rv;

@@ -31,17 +31,35 @@ constexpr double LOAD_LIMIT = 0.77;
 
 uint32_t flag_words(uint32_t n_buckets) { return n_buckets < 16 ? 1 : n_buckets >> 4; }
 uint32_t flag_shift(uint32_t i) { return (i & 0xfU) << 1; }
-uint32_t bucket_state(const uint32_t *flags, uint32_t i) { return vek_cap_dep_bucket_state(flags, i); }
-bool is_empty(const uint32_t *flags, uint32_t i) { return (bucket_state(flags, i) & BUCKET_EMPTY) != 0; }
-bool is_deleted(const uint32_t *flags, uint32_t i) { return (bucket_state(flags, i) & BUCKET_DELETED) != 0; }
+uint32_t bucket_state(const uint32_t *flags, uint32_t i)
+{
+    return vek_cap_dep_bucket_state(flags, i);
+}
+bool is_empty(const uint32_t *flags, uint32_t i)
+{
+    return (bucket_state(flags, i) & BUCKET_EMPTY) != 0;
+}
+bool is_deleted(const uint32_t *flags, uint32_t i)
+{
+    return (bucket_state(flags, i) & BUCKET_DELETED) != 0;
+}
 bool is_live(const uint32_t *flags, uint32_t i) { return bucket_state(flags, i) == 0; }
-void set_not_empty(uint32_t *flags, uint32_t i) { flags[i >> 4] &= ~(BUCKET_EMPTY << flag_shift(i)); }
+void set_not_empty(uint32_t *flags, uint32_t i)
+{
+    flags[i >> 4] &= ~(BUCKET_EMPTY << flag_shift(i));
+}
 void set_deleted(uint32_t *flags, uint32_t i) { flags[i >> 4] |= BUCKET_DELETED << flag_shift(i); }
 void set_live(uint32_t *flags, uint32_t i) { flags[i >> 4] &= ~(3U << flag_shift(i)); }
 
-uint32_t upper_bound_of(uint32_t n_buckets) { return static_cast<uint32_t>(n_buckets * LOAD_LIMIT + 0.5); }
+uint32_t upper_bound_of(uint32_t n_buckets)
+{
+    return static_cast<uint32_t>(n_buckets * LOAD_LIMIT + 0.5);
+}
 
-uint32_t dep_hash(const vek_cap_dep_item *item) { return XXH32(item->module, sizeof item->module, 0); }
+uint32_t dep_hash(const vek_cap_dep_item *item)
+{
+    return XXH32(item->module, sizeof item->module, 0);
+}
 
 bool same_module(const vek_cap_dep_item *a, const vek_cap_dep_item *b)
 {
@@ -54,11 +72,13 @@ void dep_free(void *ptr) { g_vek_cap_dep_alloc.free_f(ptr); }
 // it was, when an array cannot be allocated.
 bool dep_hash_rehash(vek_cap_dep_hash_t *h)
 {
-    const uint32_t target = std::max(MIN_BUCKETS, h->n_buckets > 2 * h->size ? h->n_buckets : h->n_buckets * 2);
+    const uint32_t target =
+        std::max(MIN_BUCKETS, h->n_buckets > 2 * h->size ? h->n_buckets : h->n_buckets * 2);
     if (h->size >= upper_bound_of(target))
         return true;
 
-    auto *new_flags = static_cast<uint32_t *>(g_vek_cap_dep_alloc.calloc_f(flag_words(target), sizeof(uint32_t)));
+    auto *new_flags =
+        static_cast<uint32_t *>(g_vek_cap_dep_alloc.calloc_f(flag_words(target), sizeof(uint32_t)));
     if (!new_flags)
         return false;
     std::memset(new_flags, 0xAA, flag_words(target) * sizeof(uint32_t));
@@ -135,7 +155,8 @@ struct dir_close {
 vek_cap_dep_item *dep_hash_add(vek_cap_dep_hash_t *h, const vek_cap_dep_item *item)
 {
     std::unique_ptr<vek_cap_dep_item, decltype(&dep_free)> fresh(
-        static_cast<vek_cap_dep_item *>(g_vek_cap_dep_alloc.calloc_f(1, sizeof(vek_cap_dep_item))), dep_free);
+        static_cast<vek_cap_dep_item *>(g_vek_cap_dep_alloc.calloc_f(1, sizeof(vek_cap_dep_item))),
+        dep_free);
     if (!fresh)
         return nullptr;
     *fresh = *item;
@@ -155,7 +176,8 @@ vek_cap_dep_item *dep_hash_add(vek_cap_dep_hash_t *h, const vek_cap_dep_item *it
 
 int vek_cap_init_dep_hash(void)
 {
-    auto *h = static_cast<vek_cap_dep_hash_t *>(g_vek_cap_dep_alloc.calloc_f(1, sizeof(vek_cap_dep_hash_t)));
+    auto *h = static_cast<vek_cap_dep_hash_t *>(
+        g_vek_cap_dep_alloc.calloc_f(1, sizeof(vek_cap_dep_hash_t)));
     if (!h)
         return -1;
     g_vek_cap_dep_hash = h;

@@ -8,7 +8,8 @@ namespace {
 
 // The time stamps' banner, written through puts (which adds the line feed).
 constexpr const char *VEK_CAP_TIME_BANNER = "\r\n=====================================\r";
-constexpr const char *VEK_CAP_DEP_BANNER = "\r\n==============dump dep mod=======================\r";
+constexpr const char *VEK_CAP_DEP_BANNER =
+    "\r\n==============dump dep mod=======================\r";
 
 void vek_cap_print_time(const char *what, const vek_cap_time_t &t)
 {
@@ -27,8 +28,9 @@ int32_t vek_cap_dump_status(void)
 int32_t vek_cap_dump_card_info(void)
 {
     const vek_cap_card_t &c = g_vek_cap_card;
-    printf("devid %d, slotid %d, sslotid %d, node 0x%08x, config_dev_type %d, node_type %d\n", c.devid,
-           c.slotid, c.sslotid, static_cast<unsigned>(c.node), c.config_dev_type, c.node_type);
+    printf("devid %d, slotid %d, sslotid %d, node 0x%08x, config_dev_type %d, node_type %d\n",
+           c.devid, c.slotid, c.sslotid, static_cast<unsigned>(c.node), c.config_dev_type,
+           c.node_type);
     return 0;
 }
 

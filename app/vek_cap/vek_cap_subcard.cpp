@@ -22,8 +22,7 @@ void vek_cap_wall_time(vek_cap_time_t *t)
 }
 
 // A key of `Table` whose index is at its defaults: every record of the table.
-template <class Table, class Index>
-struct vek_cap_whole_table {
+template <class Table, class Index> struct vek_cap_whole_table {
     Index index;
     Table key;
     vek_cap_whole_table(Index i, Table k) : index(i), key(k) { key.index = &index; }

@@ -50,12 +50,12 @@ enum {
 };
 
 typedef struct kx_mom_msg {
-    int32_t db;                           // database of the record
+    int32_t db; // database of the record
     const ProtobufCMessageDescriptor *table;
     int32_t cmd;
-    void *data;                           // see the cmd codes
-    const char *key;                      // the store key the delivery is about
-    int32_t scan_over;                    // 1 on the last delivery of kx_mom_scan
+    void *data;        // see the cmd codes
+    const char *key;   // the store key the delivery is about
+    int32_t scan_over; // 1 on the last delivery of kx_mom_scan
 } kx_mom_msg;
 
 typedef struct kx_mom_hash_res {
@@ -89,10 +89,10 @@ int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db);
 // KX_MOM_CMD_SUBSCRIBED, once each (also one the reconnect callback subscribes
 // again). The reconnect never holds the loop: a server that does not answer within
 // 2 s is tried again later. `flags` is unused: pass 0.
-int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db,
-                                        kx_mom_disconnect_cb cb, uint32_t flags);
-int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db,
-                                       kx_mom_reconnect_cb cb, uint32_t flags);
+int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db, kx_mom_disconnect_cb cb,
+                                        uint32_t flags);
+int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db, kx_mom_reconnect_cb cb,
+                                       uint32_t flags);
 
 // Follows one record (index set) or a whole table (index at its defaults). Returns
 // at once without I/O: 0 means the route is kept, and `cb` receives
@@ -117,21 +117,19 @@ int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage
 // The same from the loop after returning, then one delivery with scan_over 1. A
 // connection lost meanwhile ends the scan: the records read before it, each once,
 // then scan_over 1; it is not resumed (a subscriber's catch-up covers the rest).
-int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
-                    uint32_t flags, kx_mom_cb cb, void *privdata);
+int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t flags,
+                    kx_mom_cb cb, void *privdata);
 
 // Reads one record. A missing record gives nullptr and *error 0, so that nothing
 // is applied; a non-null result is freed with kx_mom_kx_obj_free whatever *error holds.
 // A stored value that does not decode, or is beyond the bound of its table, gives
 // KX_MOM_EPROTO; one that cannot be decoded for want of memory KX_MOM_ENOMEM.
-void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
-                      int32_t *error);
+void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key, int32_t *error);
 // Reads one hash record. A missing record gives a result with no obj and
 // error_code 0; a bad one error_code KX_MOM_EPROTO or KX_MOM_ENOMEM. A bad key
 // (also one of the whole-value table: kx_mom_get_sync reads it), a lost connection
 // or no memory for the result gives nullptr.
-kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
-                                     const ProtobufCMessage *key);
+kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key);
 // Writes exactly the listed fields of the record its index selects (the
 // whole-value table is written whole). KX_MOM_EINVAL, and nothing written, for
 // an empty or null list, a number the message lacks or the index field.

@@ -21,9 +21,9 @@ enum {
 kx_zlog_category_t *kx_zlog_init(const char *module);
 
 // Writes one record: time, level, pid, file, function, line and the message.
-void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen,
-               const char *func, size_t funclen, long line, int level,
-               const char *format, ...) __attribute__((format(printf, 8, 9)));
+void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, const char *func,
+               size_t funclen, long line, int level, const char *format, ...)
+    __attribute__((format(printf, 8, 9)));
 
 // snprintf: truncates to `size` and always terminates.
 int at_snprintf(char *buf, size_t size, const char *format, ...)

@@ -13,9 +13,9 @@
 #include "kx_global.h"
 
 enum {
-    SSAT_EINVAL = -2001, // bad module, command, format or handler
+    SSAT_EINVAL = -2001,  // bad module, command, format or handler
     SSAT_ESOCKET = -2002, // the socket cannot be set up (or a live daemon holds it)
-    SSAT_EEXIST = -2003, // the command is registered already
+    SSAT_EEXIST = -2003,  // the command is registered already
 };
 
 // Arguments parsed by the registered format: "void", "%d" or "%s %d".
@@ -53,8 +53,8 @@ int32_t ssat_reg_mod_cmd_impl(const char *module, const char *cmd, uint32_t flag
 // matching the formats "void", "%d" and "%s %d"; what they return is ignored. The
 // handler is called through its own type, never through a cast function pointer.
 template <class R, class... A>
-int32_t ssat_reg_mod_cmd(const char *module, const char *cmd, uint32_t flags,
-                         const char *format, R (*handler)(A...))
+int32_t ssat_reg_mod_cmd(const char *module, const char *cmd, uint32_t flags, const char *format,
+                         R (*handler)(A...))
 {
     static_assert(sizeof...(A) <= 2, "a debug command takes at most two arguments");
     using Fn = R (*)(A...);

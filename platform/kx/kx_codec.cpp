@@ -205,8 +205,8 @@ bool set_field(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::st
         int32_t n = 0;
         auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), n);
         if (value.empty() || ec != std::errc() || end != value.data() + value.size())
-            return *why = ec == std::errc::result_out_of_range ? "int32 out of range"
-                                                                : "not an int32",
+            return *why =
+                       ec == std::errc::result_out_of_range ? "int32 out of range" : "not an int32",
                    false;
         member<int32_t>(msg, f) = n;
         return true;
@@ -245,7 +245,8 @@ const ProtobufCFieldDescriptor *index_field(const ProtobufCMessageDescriptor *ta
 {
     if (!table)
         return nullptr;
-    const ProtobufCFieldDescriptor *f = protobuf_c_message_descriptor_get_field_by_name(table, "index");
+    const ProtobufCFieldDescriptor *f =
+        protobuf_c_message_descriptor_get_field_by_name(table, "index");
     if (!f || f->type != PROTOBUF_C_TYPE_MESSAGE || f->label != PROTOBUF_C_LABEL_NONE)
         return nullptr;
     return f;
@@ -289,8 +290,7 @@ ValueLimit value_limit(const ProtobufCMessageDescriptor *table)
     return {4 * 1024, "4096"};
 }
 
-std::string oversized(const ProtobufCMessageDescriptor *table, std::string_view key,
-                      long long size)
+std::string oversized(const ProtobufCMessageDescriptor *table, std::string_view key, long long size)
 {
     return "key '" + printable(key) + "': " + std::to_string(size) +
            " bytes stored, more than the " + std::string(value_limit(table).text) +
@@ -306,7 +306,8 @@ std::string record_key(const ProtobufCMessage *record)
         return key;
     const auto *index = member<ProtobufCMessage *>(record, idx);
     // protobuf-c keeps a descriptor's fields in field-number order: the key's order.
-    for (const auto &f : fields_of(static_cast<const ProtobufCMessageDescriptor *>(idx->descriptor))) {
+    for (const auto &f :
+         fields_of(static_cast<const ProtobufCMessageDescriptor *>(idx->descriptor))) {
         key += '|';
         key += key_part(index, &f);
     }
@@ -605,7 +606,4 @@ const ProtobufCMessageDescriptor *kx_mom_table(const char *name)
     return nullptr;
 }
 
-const ProtobufCMessageDescriptor *const *kx_mom_tables(void)
-{
-    return kx::kTables;
-}
+const ProtobufCMessageDescriptor *const *kx_mom_tables(void) { return kx::kTables; }

@@ -28,10 +28,7 @@ void on_stop_signal(evutil_socket_t, short, void *arg)
 }
 
 // logrotate's postrotate sends SIGHUP once it has moved the log away.
-void on_hangup(evutil_socket_t, short, void *)
-{
-    kx::zlog_reopen();
-}
+void on_hangup(evutil_socket_t, short, void *) { kx::zlog_reopen(); }
 
 // Sockets (the store's, the debug shell's clients) are written with write(2): a peer
 // that went away must give EPIPE, not end the process. A program that chose its own

@@ -165,7 +165,8 @@ void take_page(const Database &d, ScanWork &w, const redisReply *keys)
     const size_t before = w.seen.size();
     for (size_t i = 0; i < page.size(); ++i) {
         auto [hash, key] = page[i];
-        if ((i > 0 && page[i - 1].first == hash) || std::ranges::binary_search(w.seen.begin(), w.seen.begin() + before, hash))
+        if ((i > 0 && page[i - 1].first == hash) ||
+            std::ranges::binary_search(w.seen.begin(), w.seen.begin() + before, hash))
             continue;
         w.seen.push_back(hash);
         if (std::string k(key); valid_key(d, w, k))
@@ -211,7 +212,8 @@ int32_t read_step(Database &d, ScanWork &w)
         const std::string &key = batch[i];
         if (w.deleted.count(key))
             continue;
-        Payload p = payload_from_reply(d.db, key, w.table, read_result(r.get(), i), KX_MOM_CMD_HSET);
+        Payload p =
+            payload_from_reply(d.db, key, w.table, read_result(r.get(), i), KX_MOM_CMD_HSET);
         if (p.cmd != 0)
             deliver(w.global, w.cb, w.privdata, d.db, w.table, p.cmd, p.data(), key.c_str(), 0);
     }
@@ -271,8 +273,7 @@ void on_async_turn(evutil_socket_t, short, void *arg)
 
 // Common checks of the one-record calls: the database is up and the key names a
 // record of a known table.
-Database *record_call(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
-                      int32_t *code)
+Database *record_call(kx_global_t *global, int32_t db, const ProtobufCMessage *key, int32_t *code)
 {
     if (!known_table(key)) {
         *code = KX_MOM_EINVAL;
@@ -290,8 +291,8 @@ void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
     kx_mom_msg msg{db, table, cmd, data, key, scan_over};
     int32_t rc = cb(global, &msg, privdata);
     if (rc < 0)
-        KX_LOG(WARN, "db %d: key '%s': callback returned %d for cmd %d", db,
-               printable(key).c_str(), rc, cmd);
+        KX_LOG(WARN, "db %d: key '%s': callback returned %d for cmd %d", db, printable(key).c_str(),
+               rc, cmd);
 }
 
 bool selects_glob(const ProtobufCMessage *key, std::string *match)
@@ -364,8 +365,7 @@ int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key
     return 0;
 }
 
-void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
-                      int32_t *error)
+void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key, int32_t *error)
 {
     int32_t ignored = 0;
     int32_t &code = error ? *error : ignored;
@@ -386,8 +386,7 @@ void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *k
     return res ? std::exchange(res->obj, nullptr) : nullptr;
 }
 
-kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db,
-                                     const ProtobufCMessage *key)
+kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
 {
     int32_t code = 0;
     kx::Database *d = kx::hash_table(key) ? kx::record_call(global, db, key, &code) : nullptr;

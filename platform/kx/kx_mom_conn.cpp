@@ -178,20 +178,22 @@ size_t send_auth(int32_t, Handshake &h, redisContext *c)
 bool accept_auth(int32_t, Handshake &h, std::span<const Reply> r)
 {
     return r[0]->type != REDIS_REPLY_ERROR ||
-           fail(h, KX_MOM_ECONFIG, std::string("AUTH as '") + user_name() +
-                                       "' refused: " + reply_text(r[0].get()));
+           fail(h, KX_MOM_ECONFIG,
+                std::string("AUTH as '") + user_name() + "' refused: " + reply_text(r[0].get()));
 }
 
 // The value of a setting from its CONFIG GET reply; false with the failure set.
 bool config_value(Handshake &h, const redisReply *r, const char *name, std::string *value)
 {
     if (r->type == REDIS_REPLY_ERROR && std::string_view(r->str, r->len).starts_with("NOAUTH"))
-        return fail(h, KX_MOM_ECONFIG, "the server needs a password: set KX_MOM_PASSWORD (and "
-                                       "KX_MOM_USER for an ACL user)");
+        return fail(h, KX_MOM_ECONFIG,
+                    "the server needs a password: set KX_MOM_PASSWORD (and "
+                    "KX_MOM_USER for an ACL user)");
     if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
         r->element[1]->type != REDIS_REPLY_STRING)
-        return fail(h, KX_MOM_ECONFIG, std::string("cannot read the server's ") + name + " (" +
-                                           reply_text(r) + "): allow CONFIG GET for this user");
+        return fail(h, KX_MOM_ECONFIG,
+                    std::string("cannot read the server's ") + name + " (" + reply_text(r) +
+                        "): allow CONFIG GET for this user");
     value->assign(r->element[1]->str, r->element[1]->len);
     return true;
 }
@@ -208,10 +210,10 @@ bool accept_databases(int32_t, Handshake &h, std::span<const Reply> r)
         return false;
     int count = 0;
     std::from_chars(text.data(), text.data() + text.size(), count);
-    return count >= kNeededDatabases ||
-           fail(h, KX_MOM_ECONFIG, "the server has " + printable(text) + " databases, " +
-                                       std::to_string(kNeededDatabases) +
-                                       " are needed: set `databases 32` in redis.conf");
+    return count >= kNeededDatabases || fail(h, KX_MOM_ECONFIG,
+                                             "the server has " + printable(text) + " databases, " +
+                                                 std::to_string(kNeededDatabases) +
+                                                 " are needed: set `databases 32` in redis.conf");
 }
 
 size_t send_notify_get(int32_t, Handshake &h, redisContext *c)
@@ -240,18 +242,18 @@ std::string missing_notify(const std::string &flags)
 size_t send_notify_set(int32_t, Handshake &h, redisContext *c)
 {
     std::string missing = missing_notify(h.notify);
-    return missing.empty() ? 0
-                           : queue(h, c, {"CONFIG", "SET", "notify-keyspace-events",
-                                          h.notify + missing});
+    return missing.empty()
+               ? 0
+               : queue(h, c, {"CONFIG", "SET", "notify-keyspace-events", h.notify + missing});
 }
 
 bool accept_notify_set(int32_t, Handshake &h, std::span<const Reply> r)
 {
     return r[0]->type != REDIS_REPLY_ERROR ||
-           fail(h, KX_MOM_ECONFIG, "keyspace notifications '" + printable(h.notify) +
-                                       "' lack '" + missing_notify(h.notify) +
-                                       "' and CONFIG SET was refused (" + reply_text(r[0].get()) +
-                                       "): set `notify-keyspace-events KEA` in redis.conf");
+           fail(h, KX_MOM_ECONFIG,
+                "keyspace notifications '" + printable(h.notify) + "' lack '" +
+                    missing_notify(h.notify) + "' and CONFIG SET was refused (" +
+                    reply_text(r[0].get()) + "): set `notify-keyspace-events KEA` in redis.conf");
 }
 
 // Redis 7 gives a new ACL user no channel at all: every subscription would be
@@ -264,8 +266,9 @@ size_t send_channel_probe(int32_t db, Handshake &h, redisContext *c)
 {
     size_t n = 0;
     for (const ProtobufCMessageDescriptor *const *t = kx_mom_tables(); *t && h.code == 0; ++t)
-        n += queue(h, c, {"ACL", "DRYRUN", user_name(), "SUBSCRIBE",
-                          keyspace_prefix(db) + table_glob(*t)});
+        n += queue(
+            h, c,
+            {"ACL", "DRYRUN", user_name(), "SUBSCRIBE", keyspace_prefix(db) + table_glob(*t)});
     return n;
 }
 
@@ -326,10 +329,7 @@ constexpr Step kSteps[] = {
 // What a handshake under way waits for; `none` once it is done or has failed.
 enum class Wait { none, read, write };
 
-redisContext *in_use(const Handshake &h)
-{
-    return (kSteps[h.step].on_sub ? h.sub : h.cmd).get();
-}
+redisContext *in_use(const Handshake &h) { return (kSteps[h.step].on_sub ? h.sub : h.cmd).get(); }
 
 Wait io_failed(Handshake &h)
 {
@@ -340,8 +340,9 @@ Wait io_failed(Handshake &h)
 
 Wait timed_out(Handshake &h)
 {
-    fail(h, KX_MOM_ENOTCONN, std::string("no answer to ") + kSteps[h.step].name + " within " +
-                                 std::to_string(kHandshakeLimit.count() / 1000) + " s");
+    fail(h, KX_MOM_ENOTCONN,
+         std::string("no answer to ") + kSteps[h.step].name + " within " +
+             std::to_string(kHandshakeLimit.count() / 1000) + " s");
     return Wait::none;
 }
 
@@ -420,7 +421,7 @@ void on_command_readable(evutil_socket_t fd, short, void *arg)
     ssize_t n = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
         return;
-    mark_down(d, n == 0   ? "command connection closed by the server"
+    mark_down(d, n == 0  ? "command connection closed by the server"
                  : n < 0 ? strerror(errno)
                          : "unexpected data on the command connection");
 }
@@ -468,8 +469,7 @@ void arm(Database &d, int ms)
 
 void reconnected(Database &d, const std::string &previous_run_id)
 {
-    int32_t type =
-        d.run_id == previous_run_id ? KX_MOM_RECONNECT_SAME : KX_MOM_RECONNECT_RESTARTED;
+    int32_t type = d.run_id == previous_run_id ? KX_MOM_RECONNECT_SAME : KX_MOM_RECONNECT_RESTARTED;
     KX_LOG(NOTICE, "db %d: reconnected to %s (%s)", d.db, d.endpoint.text.c_str(),
            type == KX_MOM_RECONNECT_SAME ? "same server run" : "the server restarted");
     uint64_t epoch = d.epoch;

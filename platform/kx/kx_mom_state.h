@@ -61,7 +61,7 @@ struct Endpoint {
     bool unix_socket = false;
     std::string where; // socket path or host
     int port = 0;
-    std::string text;  // as configured, for messages
+    std::string text; // as configured, for messages
 };
 
 // One callback following one record (SUBSCRIBE) or one table (PSUBSCRIBE).
@@ -69,7 +69,7 @@ struct Route {
     const ProtobufCMessageDescriptor *table;
     std::string channel; // channel or pattern, as sent to the server
     bool pattern;
-    std::string key;     // the record key or table glob, handed to the callback
+    std::string key; // the record key or table glob, handed to the callback
     kx_mom_cb cb;
     void *privdata;
     bool pending = false; // its (P)SUBSCRIBE is queued or sent, not yet answered
@@ -87,8 +87,8 @@ struct ScanWork {
     kx_global *global = nullptr;
     int32_t db = 0;
     const ProtobufCMessageDescriptor *table = nullptr;
-    std::string glob;            // what the listing matches, or the one key
-    bool listed = false;         // true once SCAN is back at cursor 0 (or one key is taken)
+    std::string glob;    // what the listing matches, or the one key
+    bool listed = false; // true once SCAN is back at cursor 0 (or one key is taken)
     std::string cursor = "0";
     std::deque<std::string> pending; // keys taken, not yet read
     std::vector<uint64_t> seen;
@@ -106,17 +106,17 @@ struct Handshake {
     Endpoint endpoint;
     Context cmd;
     Context sub;
-    size_t step = 0;        // the step under way
-    bool sent = false;      // its commands are queued
-    size_t expected = 0;    // replies it waits for
+    size_t step = 0;     // the step under way
+    bool sent = false;   // its commands are queued
+    size_t expected = 0; // replies it waits for
     std::vector<Reply> replies;
-    bool answered = false;  // the server has replied to something
-    std::string notify;     // notify-keyspace-events as the server has it
+    bool answered = false; // the server has replied to something
+    std::string notify;    // notify-keyspace-events as the server has it
     std::string run_id;
-    int32_t code = 0;       // why it failed: the code and a line
+    int32_t code = 0; // why it failed: the code and a line
     std::string why;
-    Event io;               // the loop waiting for the socket in use
-    Event deadline;         // the loop's limit for the whole handshake
+    Event io;       // the loop waiting for the socket in use
+    Event deadline; // the loop's limit for the whole handshake
 };
 
 struct Database {
@@ -124,13 +124,13 @@ struct Database {
     int32_t db = 0;
     Endpoint endpoint;
     Link link = Link::never;
-    uint64_t epoch = 0;       // changes whenever the connections are made or dropped
-    Context cmd;              // synchronous commands: blocking, with the command timeout
-    Context sub;              // subscriptions: non-blocking, read and written by the loop
-    Event cmd_watch;          // notices the command connection closing while idle
+    uint64_t epoch = 0; // changes whenever the connections are made or dropped
+    Context cmd;        // synchronous commands: blocking, with the command timeout
+    Context sub;        // subscriptions: non-blocking, read and written by the loop
+    Event cmd_watch;    // notices the command connection closing while idle
     Event sub_read;
-    Event sub_write;          // added while the subscriber connection has output queued
-    Event timer;              // the disconnect callback, then connection retries
+    Event sub_write; // added while the subscriber connection has output queued
+    Event timer;     // the disconnect callback, then connection retries
     bool disconnect_pending = false;
     std::string retry_failure; // why the last reconnect failed: a repeat is not logged again
     int retry_ms = 0;

@@ -191,10 +191,7 @@ void on_subscriber_writable(evutil_socket_t, short, void *arg)
         event_add(d.sub_write.get(), nullptr);
 }
 
-std::string keyspace_prefix(int32_t db)
-{
-    return "__keyspace@" + std::to_string(db) + "__:";
-}
+std::string keyspace_prefix(int32_t db) { return "__keyspace@" + std::to_string(db) + "__:"; }
 
 void send_subscribe(Database &d, Route &route)
 {

@@ -53,12 +53,9 @@ struct Level {
 };
 
 constexpr Level levels[] = {
-    {KX_ZLOG_LEVEL_DEBUG, "DEBUG", LOG_DEBUG},
-    {KX_ZLOG_LEVEL_INFO, "INFO", LOG_INFO},
-    {KX_ZLOG_LEVEL_NOTICE, "NOTICE", LOG_NOTICE},
-    {KX_ZLOG_LEVEL_WARN, "WARN", LOG_WARNING},
-    {KX_ZLOG_LEVEL_ERROR, "ERROR", LOG_ERR},
-    {KX_ZLOG_LEVEL_FATAL, "FATAL", LOG_CRIT},
+    {KX_ZLOG_LEVEL_DEBUG, "DEBUG", LOG_DEBUG},    {KX_ZLOG_LEVEL_INFO, "INFO", LOG_INFO},
+    {KX_ZLOG_LEVEL_NOTICE, "NOTICE", LOG_NOTICE}, {KX_ZLOG_LEVEL_WARN, "WARN", LOG_WARNING},
+    {KX_ZLOG_LEVEL_ERROR, "ERROR", LOG_ERR},      {KX_ZLOG_LEVEL_FATAL, "FATAL", LOG_CRIT},
 };
 
 // zlog's own level numbers run from 1 to 253 (0 and 254..255 are reserved).
@@ -199,9 +196,15 @@ void append_escaped(std::string &out, std::string_view text)
         }
         out += '\\';
         switch (c) {
-        case '\n': out += 'n'; break;
-        case '\r': out += 'r'; break;
-        case '\t': out += 't'; break;
+        case '\n':
+            out += 'n';
+            break;
+        case '\r':
+            out += 'r';
+            break;
+        case '\t':
+            out += 't';
+            break;
         default:
             out += 'x';
             out += hex[u >> 4];
@@ -290,10 +293,7 @@ void kx::zlog_reopen()
     }
 }
 
-kx_zlog_category_t *kx::log_sink()
-{
-    return libkx_sink;
-}
+kx_zlog_category_t *kx::log_sink() { return libkx_sink; }
 
 void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, const char *func,
                size_t funclen, long line, int level, const char *format, ...)

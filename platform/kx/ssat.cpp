@@ -116,7 +116,8 @@ std::string help_text(std::string_view module)
 std::optional<std::vector<std::string_view>> split_words(std::string_view line)
 {
     constexpr std::string_view blanks = " \t";
-    if (std::any_of(line.begin(), line.end(), [](char c) { return (c < ' ' && c != '\t') || c >= 0x7f; }))
+    if (std::any_of(line.begin(), line.end(),
+                    [](char c) { return (c < ' ' && c != '\t') || c >= 0x7f; }))
         return std::nullopt;
     std::vector<std::string_view> words;
     for (size_t pos = line.find_first_not_of(blanks); pos != std::string_view::npos;) {
@@ -167,10 +168,7 @@ void reply_ok(evbuffer *out, std::string_view output)
     evbuffer_add(out, output.data(), output.size());
 }
 
-std::string reason(const char *what)
-{
-    return std::string(what) + ": " + strerror(errno);
-}
+std::string reason(const char *what) { return std::string(what) + ": " + strerror(errno); }
 
 // Runs the handler with standard output in a memory file, then queues the file itself
 // on `out`: the bytes go from it to the socket as the client reads them.
@@ -186,7 +184,7 @@ void run_handler(const Command &command, const ssat_args &args, evbuffer *out)
         StdoutRedirect redirect(memfd.get());
         command.thunk(command.fn, &args);
     }
-    struct stat st{};
+    struct stat st {};
     if (fstat(memfd.get(), &st) != 0)
         return reply_error(out, reason("cannot read the command's output"));
     FileSegment output;
@@ -218,15 +216,15 @@ void execute(std::string_view module, std::string_view line, evbuffer *out)
                         (format.arity == 0 ? "no argument" : std::string(format.text)) + ", got ";
     size_t given = words->size() - 1;
     if (given != format.arity)
-        return reply_error(out, usage + std::to_string(given) + " argument" +
-                                    (given == 1 ? "" : "s"));
+        return reply_error(out,
+                           usage + std::to_string(given) + " argument" + (given == 1 ? "" : "s"));
     std::string word;
     ssat_args args{"", 0};
     if (format.arity == 2) {
         word = (*words)[1];
         if (word.size() > max_word)
-            return reply_error(out, usage + "a word longer than " + std::to_string(max_word) +
-                                        " bytes");
+            return reply_error(out,
+                               usage + "a word longer than " + std::to_string(max_word) + " bytes");
         args.word = word.c_str();
     }
     std::optional<int32_t> num = format.arity > 0 ? kx::parse_int32(words->back()) : 0;
@@ -286,10 +284,7 @@ void on_request(bufferevent *bev, void *arg)
     bufferevent_disable(bev, EV_READ);
 }
 
-void on_flushed(bufferevent *, void *arg)
-{
-    drop(static_cast<Client *>(arg));
-}
+void on_flushed(bufferevent *, void *arg) { drop(static_cast<Client *>(arg)); }
 
 void on_event(bufferevent *bev, short what, void *arg)
 {
@@ -353,7 +348,7 @@ void on_resume(evutil_socket_t, short, void *arg)
 Listener::~Listener()
 {
     // Only our own socket: never one that replaced it in the meantime.
-    struct stat st{};
+    struct stat st {};
     if (listener && lstat(path.c_str(), &st) == 0 && st.st_ino == inode)
         unlink(path.c_str());
     commands.erase(module);
@@ -373,7 +368,7 @@ int32_t prepare_dir(const std::string &dir)
     kx::make_parent_dirs(dir);
     if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST)
         return fail(dir, errno);
-    struct stat st{};
+    struct stat st {};
     if (lstat(dir.c_str(), &st) != 0)
         return fail(dir, errno);
     if (!S_ISDIR(st.st_mode))
@@ -406,7 +401,7 @@ bool someone_listens(const std::string &path)
 // Removes a socket file no one answers on; a live one or a non-socket is left alone.
 int32_t clear_stale(const std::string &path)
 {
-    struct stat st{};
+    struct stat st {};
     if (lstat(path.c_str(), &st) != 0)
         return errno == ENOENT ? 0 : fail(path, errno);
     if (!S_ISSOCK(st.st_mode))
@@ -436,12 +431,11 @@ int32_t open_listener(Listener &l)
     if (bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
         return fail(l.path, errno);
     // 0600 before listen(2): no one else connects in between.
-    struct stat st{};
+    struct stat st {};
     l.resume.reset(evtimer_new(l.base, on_resume, &l));
     if (chmod(l.path.c_str(), 0600) == 0 && lstat(l.path.c_str(), &st) == 0 && l.resume)
-        l.listener.reset(evconnlistener_new(l.base, on_accept, &l,
-                                            LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 16,
-                                            fd.get()));
+        l.listener.reset(evconnlistener_new(
+            l.base, on_accept, &l, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 16, fd.get()));
     if (!l.listener) {
         int err = errno;
         unlink(l.path.c_str());

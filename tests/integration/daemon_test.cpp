@@ -5,8 +5,8 @@
 // server, and subscribes its dependency modules in bucket order until all are ready.
 #include <algorithm>
 #include <chrono>
-#include <functional>
 #include <csignal>
+#include <functional>
 #include <map>
 #include <memory>
 #include <regex>
@@ -33,13 +33,21 @@ protected:
     std::string log_ = root_ / "vek_cap.log";
     std::unique_ptr<Process> daemon_;
 
-    void SetUp() override { write_file(root_ / "data/.tavo/vsd/0/sw-frame/cap/vek_cap/vek_cap_dbg.txt", "5\n"); }
-    Env env(std::string addr) const { return {{"KX_ROOT", root_.path()}, {"KX_MOM_ADDR", addr}, {"KX_LOG", log_}}; }
+    void SetUp() override
+    {
+        write_file(root_ / "data/.tavo/vsd/0/sw-frame/cap/vek_cap/vek_cap_dbg.txt", "5\n");
+    }
+    Env env(std::string addr) const
+    {
+        return {{"KX_ROOT", root_.path()}, {"KX_MOM_ADDR", addr}, {"KX_LOG", log_}};
+    }
     // Starts the daemon and waits until it has connected its three databases.
     void start()
     {
-        daemon_ = std::make_unique<Process>(Lines{VEK_CAP_BIN}, env(redis_.addr()), root_.path(), "vek_cap");
-        ASSERT_TRUE(wait_for([&] { return count("main", "ERROR connect cap_db success") == 1; })) << log();
+        daemon_ = std::make_unique<Process>(Lines{VEK_CAP_BIN}, env(redis_.addr()), root_.path(),
+                                            "vek_cap");
+        ASSERT_TRUE(wait_for([&] { return count("main", "ERROR connect cap_db success") == 1; }))
+            << log();
     }
     std::string log() const { return read_file(log_); }
     // "LEVEL text" of each line the daemon proper (or `unit`) wrote from `func`; a line
@@ -54,7 +62,10 @@ protected:
                 out.push_back(m[1].str() + " " + m[4].str());
         return out;
     }
-    long count(const std::string &func, const std::string &line) const { return std::ranges::count(lines(func), line); }
+    long count(const std::string &func, const std::string &line) const
+    {
+        return std::ranges::count(lines(func), line);
+    }
 };
 
 TEST_F(Daemon, ConnectsRefusesASecondInstanceAndEndsOnSigterm)
@@ -64,7 +75,8 @@ TEST_F(Daemon, ConnectsRefusesASecondInstanceAndEndsOnSigterm)
                                     "ERROR connect cap_db success"}));
     const RunResult second = run({VEK_CAP_BIN}, env(redis_.addr()));
     EXPECT_EQ(second.status, 255);
-    EXPECT_TRUE(std::regex_match(second.out, std::regex("tolvex, ret=-?[1-9][0-9]*, FAIL\r\n"))) << second.out;
+    EXPECT_TRUE(std::regex_match(second.out, std::regex("tolvex, ret=-?[1-9][0-9]*, FAIL\r\n")))
+        << second.out;
     daemon_->signal(SIGTERM);
     EXPECT_EQ(daemon_->wait(), 0);
 }
@@ -74,7 +86,8 @@ TEST_F(Daemon, ARestartedServerEndsItWith77)
     start();
     redis_.restart();
     EXPECT_EQ(daemon_->wait(), 77) << log();
-    EXPECT_THAT(lines("vek_cap_reconnect_db"), testing::Contains(testing::MatchesRegex("ERROR db (3|1|28) type 1")));
+    EXPECT_THAT(lines("vek_cap_reconnect_db"),
+                testing::Contains(testing::MatchesRegex("ERROR db (3|1|28) type 1")));
 }
 
 TEST_F(Daemon, KilledConnectionsComeBackAndItRunsOn)
@@ -84,10 +97,14 @@ TEST_F(Daemon, KilledConnectionsComeBackAndItRunsOn)
     redis_.cli(0, {"CLIENT", "KILL", "TYPE", "normal"});
     for (const char *db : {"3", "1", "28"})
         EXPECT_TRUE(wait_for([&] {
-            return count("vek_cap_reconnect_db", std::string("ERROR reconnect set db ") + db + " state") > 0;
-        })) << db << "\n" << log();
+            return count("vek_cap_reconnect_db",
+                         std::string("ERROR reconnect set db ") + db + " state") > 0;
+        })) << db
+            << "\n"
+            << log();
     EXPECT_THAT(lines("mark_down", "platform/kx"), testing::Contains(testing::MatchesRegex(
-        "WARN db 3: connection to " + redis_.addr() + " lost: .+"))); // closed, or a broken pipe
+                                                       "WARN db 3: connection to " + redis_.addr() +
+                                                       " lost: .+"))); // closed, or a broken pipe
     daemon_->signal(SIGTERM);
     EXPECT_EQ(daemon_->wait(), 0);
 }
@@ -105,7 +122,8 @@ TEST_F(Daemon, UnderAStoppedServerTheShellAnswersAndSigtermEndsIt)
     // The shell, asked again and again until a reconnect has given up on the server.
     const std::regex failed("WARN db (3|1|28): reconnect failed: .*: no answer to .* within 2 s");
     for (const auto until = Clock::now() + 10s;
-         std::ranges::none_of(lines("dial_on", "platform/kx"), [&](auto &l) { return std::regex_match(l, failed); });) {
+         std::ranges::none_of(lines("dial_on", "platform/kx"),
+                              [&](auto &l) { return std::regex_match(l, failed); });) {
         ASSERT_LT(Clock::now(), until) << log();
         const auto asked = Clock::now();
         ASSERT_EQ(run({SSAT_BIN, "vek_cap", "help"}, {{"KX_ROOT", root_.path()}}).status, 0);
@@ -158,11 +176,14 @@ TEST_F(Daemon, SubscribesModulesInBucketOrderAppliesTheirRecordsAndLatches)
     for (const auto &name : modules) {
         redis_.cli(3, {"HSET", "s_frame.cap_dep|" + name, "ready", "true"});
         const std::string applied = "INFO module " + name + ", ready 1 dir 1";
-        ASSERT_TRUE(wait_for([&] { return count("vek_cap_insert_dep_hash", applied) == 1; })) << name << "\n" << log();
+        ASSERT_TRUE(wait_for([&] { return count("vek_cap_insert_dep_hash", applied) == 1; }))
+            << name << "\n"
+            << log();
     }
     // Every module has been seen ready: a module turning not ready is logged and ignored.
     redis_.cli(3, {"HSET", "s_frame.cap_dep|fib_mgr", "ready", "false"});
-    ASSERT_TRUE(wait_for([&] { return count("vek_cap_dep_pro", "WARN all mod is ready not need to pro") == 1; }));
+    ASSERT_TRUE(wait_for(
+        [&] { return count("vek_cap_dep_pro", "WARN all mod is ready not need to pro") == 1; }));
     EXPECT_EQ(count("vek_cap_insert_dep_hash", "INFO module fib_mgr, ready 0 dir 1"), 0);
     daemon_->signal(SIGTERM);
     EXPECT_EQ(daemon_->wait(), 0);
@@ -182,12 +203,21 @@ protected:
     void boot()
     {
         start();
-        ASSERT_TRUE(wait_for([&] { return count("vek_cap_dp_my_chss_info_pmsg_f", "ERROR failed,rv -4") +
-                                          count("vek_cap_dp_my_chss_info_pro", "INFO leave") > 0; }))
-            << log();
+        ASSERT_TRUE(wait_for([&] {
+            return count("vek_cap_dp_my_chss_info_pmsg_f", "ERROR failed,rv -4") +
+                       count("vek_cap_dp_my_chss_info_pro", "INFO leave") >
+                   0;
+        })) << log();
     }
-    void identity() { cli(1, {"HSET", "p_dev.dp_lib_my_info", "card_nodeid", "16", "card_type", "5", "slotid", "3", "sslotid", "1", "dm_my_node_type", "3", "actual_card_type", "9"}); }
-    void devid() { cli(1, {"HSET", "p_dev.dp_lib_my_chss_info", "devid", "7", "dev_desc", "chassis"}); }
+    void identity()
+    {
+        cli(1, {"HSET", "p_dev.dp_lib_my_info", "card_nodeid", "16", "card_type", "5", "slotid",
+                "3", "sslotid", "1", "dm_my_node_type", "3", "actual_card_type", "9"});
+    }
+    void devid()
+    {
+        cli(1, {"HSET", "p_dev.dp_lib_my_chss_info", "devid", "7", "dev_desc", "chassis"});
+    }
     void local_ready(bool ready) { cli(3, {"SET", "p_libpub.cap_state", ready ? "\x28\x01" : ""}); }
     void modules()
     {
@@ -196,7 +226,8 @@ protected:
     }
     void entries()
     {
-        cli(3, {"HSET", "p_libpub.cap_table|/fe/l3/ecmp", "bool_value", "true", "int32_value", "64", "str_value", "", "pri", "3", "state", "true"});
+        cli(3, {"HSET", "p_libpub.cap_table|/fe/l3/ecmp", "bool_value", "true", "int32_value", "64",
+                "str_value", "", "pri", "3", "state", "true"});
         cli(3, {"HSET", "p_libpub.cap_table|/fe/a%7Cb", "int32_value", "-1", "pri", "1"});
     }
     std::string cli(int db, const Lines &args) { return redis_.cli(db, args); }
@@ -210,7 +241,8 @@ protected:
         return n;
     }
     static inline const Lines published = {
-        "s_frame.cap_fe_ready|16|5 ready=true config_dev_type=5 devid=7 slotid=3 sslotid=1 node_type=3 real_time=true",
+        "s_frame.cap_fe_ready|16|5 ready=true config_dev_type=5 devid=7 slotid=3 sslotid=1 "
+        "node_type=3 real_time=true",
         "s_frame.cap_glb_table|16|/fe/a%7Cb int32_value=-1",
         "s_frame.cap_glb_table|16|/fe/l3/ecmp bool_value=true int32_value=64 str_value="};
     bool converged(const Lines &expected = published) const
@@ -223,7 +255,11 @@ protected:
 // and not before, exactly its entries (without pri and state) and its ready record.
 TEST_F(Card, PublishesWhenTheLastConditionHoldsAndNeverBefore)
 {
-    struct Input { const char *name; std::function<void()> write; int records; };
+    struct Input {
+        const char *name;
+        std::function<void()> write;
+        int records;
+    };
     std::vector<Input> inputs = {{"identity", [&] { identity(); }, 1},
                                  {"devid", [&] { devid(); }, 1},
                                  {"local ready", [&] { local_ready(true); }, 1},
@@ -315,11 +351,13 @@ TEST_F(Card, ConvergesToInputsChangedWhileItsConnectionsWereDown)
 TEST_F(Card, SubcardsArePublishedAndWithdrawnWithExactlyTheirRecords)
 {
     for (const char *node : {"18", "19", "20", "21"})
-        cli(3, {"HSET", std::string("p_libpub.cap_subcard_table|") + node + "|/sub", "int32_value", node, "pri", "2"});
+        cli(3, {"HSET", std::string("p_libpub.cap_subcard_table|") + node + "|/sub", "int32_value",
+                node, "pri", "2"});
     cli(3, {"HSET", "p_libpub.cap_subcard_state|20|7", "ready", "false"});
     cli(3, {"HSET", "p_libpub.cap_subcard_state|21|7", "ready", "true", "is_preinstall", "true"});
     start();
-    const Lines twenty = {"s_frame.cap_subcard_glb_table|20|/sub int32_value=20", "s_frame.cap_subcard_ready|20 ready=true"};
+    const Lines twenty = {"s_frame.cap_subcard_glb_table|20|/sub int32_value=20",
+                          "s_frame.cap_subcard_ready|20 ready=true"};
     EXPECT_TRUE(converged(twenty)) << log();
     cli(3, {"HSET", "p_libpub.cap_subcard_state|18|7", "ready", "true"});
     const Lines both = {"s_frame.cap_subcard_glb_table|18|/sub int32_value=18", twenty[0],
@@ -327,7 +365,8 @@ TEST_F(Card, SubcardsArePublishedAndWithdrawnWithExactlyTheirRecords)
     EXPECT_TRUE(converged(both)) << log();
     cli(3, {"DEL", "p_libpub.cap_subcard_state|18|7"});
     EXPECT_TRUE(converged(twenty)) << log();
-    EXPECT_EQ(count("vek_cap_sub_card_ready_pro", "ERROR node 21 state is preinstall, just return"), 1);
+    EXPECT_EQ(count("vek_cap_sub_card_ready_pro", "ERROR node 21 state is preinstall, just return"),
+              1);
 }
 
 // The debug shell's eight commands through the real client, with the daemon serving on.
@@ -350,9 +389,12 @@ TEST_F(Card, TheDebugShellServesEveryCommand)
     EXPECT_EQ(ssat({"dump_status"}).out, "g_vek_local_ready, 1\ng_vek_global_ready, 1\n");
     EXPECT_EQ(ssat({"dump_card_info"}).out,
               "devid 7, slotid 3, sslotid 1, node 0x00000010, config_dev_type 5, node_type 3\n");
-    EXPECT_THAT(ssat({"show_time"}).out, testing::MatchesRegex("\r\n=+\r\nvek_cap run [0-9]+:[0-9]+\r\n(.*\r\n){10}\r\n=+\r\n"));
+    EXPECT_THAT(
+        ssat({"show_time"}).out,
+        testing::MatchesRegex("\r\n=+\r\nvek_cap run [0-9]+:[0-9]+\r\n(.*\r\n){10}\r\n=+\r\n"));
     const std::string modules = ssat({"dump_dep_mod"}).out;
-    EXPECT_THAT(modules, testing::EndsWith("=\r\nmodule:fib_mgr, ready 1\r\nmodule:acl_mgr, ready 1\r\n"));
+    EXPECT_THAT(modules,
+                testing::EndsWith("=\r\nmodule:fib_mgr, ready 1\r\nmodule:acl_mgr, ready 1\r\n"));
 
     // Silenced, the log stops; the dumps still print, and the file gets the same dump.
     EXPECT_EQ(ssat({"log-level", "0"}).status, 0);
@@ -369,10 +411,14 @@ TEST_F(Card, TheDebugShellServesEveryCommand)
     EXPECT_EQ(log(), silenced);
 
     // Bad arguments are refused with the reason; the daemon serves on.
-    struct Bad { Lines args; const char *why; };
-    const Bad bad[] = {{{"log-level", "abc"}, "log-level: expected %d, got 'abc', not a 32-bit integer\n"},
-                       {{"set_dep_mod"}, "set_dep_mod: expected %s %d"},
-                       {{"no_such"}, "unknown command 'no_such' (try help)\n"}};
+    struct Bad {
+        Lines args;
+        const char *why;
+    };
+    const Bad bad[] = {
+        {{"log-level", "abc"}, "log-level: expected %d, got 'abc', not a 32-bit integer\n"},
+        {{"set_dep_mod"}, "set_dep_mod: expected %s %d"},
+        {{"no_such"}, "unknown command 'no_such' (try help)\n"}};
     for (const Bad &b : bad) {
         RunResult r = ssat(b.args);
         EXPECT_EQ(r.status, 1) << b.args[0];

@@ -32,9 +32,10 @@ TEST(Global, OneInstanceWhateverItsNameAndARefusalSaysWhy)
     int live = open(pid_file.c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_EQ(flock(live, LOCK_EX), 0); // what a live instance holds
     RunResult r = run({other}, env(root));
-    EXPECT_EQ(std::to_string(r.status) + "|" + r.out + "|" + r.err,
-              "255|tolvex, ret=-17, FAIL\r\n|kx_global: vek_cap is already running: pid 4711 holds " +
-                  pid_file + "\n");
+    EXPECT_EQ(
+        std::to_string(r.status) + "|" + r.out + "|" + r.err,
+        "255|tolvex, ret=-17, FAIL\r\n|kx_global: vek_cap is already running: pid 4711 holds " +
+            pid_file + "\n");
 
     close(live); // left behind by an instance that died
     r = run({other}, env(root));

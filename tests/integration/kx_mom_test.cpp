@@ -44,10 +44,13 @@ std::string describe(const kx_mom_hash_res *res)
 int32_t recorder(kx_global_t *, kx_mom_msg *m, void *out)
 {
     bool hash = m->cmd == KX_MOM_CMD_HSET || m->cmd == KX_MOM_CMD_HDEL;
-    std::string what = m->scan_over ? "scan_over" : !m->data ? m->key
-                       : hash ? describe(static_cast<kx_mom_hash_res *>(m->data))
-                              : describe(static_cast<ProtobufCMessage *>(m->data));
-    return static_cast<Lines *>(out)->push_back(std::to_string(m->db) + ":" + std::to_string(m->cmd) + " " + what), 0;
+    std::string what = m->scan_over ? "scan_over"
+                       : !m->data   ? m->key
+                       : hash       ? describe(static_cast<kx_mom_hash_res *>(m->data))
+                                    : describe(static_cast<ProtobufCMessage *>(m->data));
+    return static_cast<Lines *>(out)->push_back(std::to_string(m->db) + ":" +
+                                                std::to_string(m->cmd) + " " + what),
+           0;
 }
 
 // Runs the loop until `done` holds (false after 5 s).
@@ -82,10 +85,16 @@ protected:
 
 TEST_F(KxMom, RecordsRoundTripInTheDocumentedFormAndSelectionsReachExactlyThem)
 {
-    struct Case { const char *key; int32_t value; const char *str, *cli; } cases[] = {
+    struct Case {
+        const char *key;
+        int32_t value;
+        const char *str, *cli;
+    } cases[] = {
         {"s_frame.cap_glb_table|-1|", -5, "", "bool_value\ntrue\nint32_value\n-5\nstr_value\n"},
-        {"s_frame.cap_glb_table|-1|/fe", 7, "x y", "bool_value\ntrue\nint32_value\n7\nstr_value\nx y"},
-        {"s_frame.cap_glb_table|0|a%7Cb%25c", 0, "|%", "bool_value\nfalse\nint32_value\n0\nstr_value\n|%"},
+        {"s_frame.cap_glb_table|-1|/fe", 7, "x y",
+         "bool_value\ntrue\nint32_value\n7\nstr_value\nx y"},
+        {"s_frame.cap_glb_table|0|a%7Cb%25c", 0, "|%",
+         "bool_value\nfalse\nint32_value\n0\nstr_value\n|%"},
     };
     Lines line; // each record as a scan delivers it
     const int32_t tags[] = {6, 7, 8};
@@ -105,12 +114,14 @@ TEST_F(KxMom, RecordsRoundTripInTheDocumentedFormAndSelectionsReachExactlyThem)
     int32_t error = -1; // read back, then gone: no object and no error
     kx::Message back(static_cast<ProtobufCMessage *>(kx_mom_get_sync(g, 28, state.get(), &error)));
     ASSERT_TRUE(back);
-    EXPECT_EQ(describe(back.get()) + " " + std::to_string(error), "p_libpub.cap_state ready=true 0");
+    EXPECT_EQ(describe(back.get()) + " " + std::to_string(error),
+              "p_libpub.cap_state ready=true 0");
     cli(28, {"DEL", "p_libpub.cap_state"});
     EXPECT_EQ(kx_mom_get_sync(g, 28, state.get(), &error), nullptr);
     EXPECT_EQ(error, 0);
 
-    cli(28, {"HSET", "s_frame.cap_glb_table|x|/a", "int32_value", "1"}); // never selected: it does not parse
+    cli(28, {"HSET", "s_frame.cap_glb_table|x|/a", "int32_value",
+             "1"}); // never selected: it does not parse
     auto selected = [&](const char *key) {
         Lines rec;
         EXPECT_EQ(kx_mom_scan_sync(g, 28, record(key).get(), 0, recorder, &rec), 0) << key;
@@ -125,9 +136,17 @@ TEST_F(KxMom, RecordsRoundTripInTheDocumentedFormAndSelectionsReachExactlyThem)
 Lines events; // what connection callbacks saw
 TEST_F(KxMom, AsyncScanDeliversEachRecordOnceThenScanOverAlsoWhenCutShort)
 {
-    cli(3, {"EVAL", "for i = 1, 10000 do redis.call('HSET', 'p_libpub.cap_table|/u' .. i, 'pri', i) end", "0"});
-    ASSERT_EQ(kx_mom_client_set_reconnect_cb(g, 3, [](kx_global_t *, int32_t, int32_t) { return events.push_back("up"), 0; }, 0), 0);
-    struct Scan { Lines rec; const testsupport::RedisServer *kill; };
+    cli(3, {"EVAL",
+            "for i = 1, 10000 do redis.call('HSET', 'p_libpub.cap_table|/u' .. i, 'pri', i) end",
+            "0"});
+    ASSERT_EQ(
+        kx_mom_client_set_reconnect_cb(
+            g, 3, [](kx_global_t *, int32_t, int32_t) { return events.push_back("up"), 0; }, 0),
+        0);
+    struct Scan {
+        Lines rec;
+        const testsupport::RedisServer *kill;
+    };
     auto on_record = [](kx_global_t *g, kx_mom_msg *m, void *p) {
         auto *s = static_cast<Scan *>(p);
         if (s->rec.empty() && s->kill)
@@ -138,7 +157,9 @@ TEST_F(KxMom, AsyncScanDeliversEachRecordOnceThenScanOverAlsoWhenCutShort)
         Scan scan{{}, kill};
         events.clear();
         ASSERT_EQ(kx_mom_scan(g, 3, record("p_libpub.cap_table|").get(), 0, on_record, &scan), 0);
-        ASSERT_TRUE(run_until(g, [&] { return scan.rec.size() && scan.rec.back() == "3:0 scan_over" && events.size() == !!kill; }));
+        ASSERT_TRUE(run_until(g, [&] {
+            return scan.rec.size() && scan.rec.back() == "3:0 scan_over" && events.size() == !!kill;
+        }));
         EXPECT_EQ(scan.rec.back(), "3:0 scan_over");
         EXPECT_TRUE(kill ? scan.rec.size() < 10000 : scan.rec.size() == 10001) << scan.rec.size();
         std::ranges::sort(scan.rec);
@@ -150,25 +171,36 @@ TEST_F(KxMom, AsyncScanDeliversEachRecordOnceThenScanOverAlsoWhenCutShort)
 // db 28 deleting that node's entries, then writes the node's ready record there.
 TEST_F(KxMom, ScanCallbacksMayDeleteNestAndWrite)
 {
-    cli(3, {"EVAL", "for i = 1, 6 do redis.call('HSET', 'p_libpub.cap_subcard_state|' .. i .. '|0', 'ready', 1) end",
+    cli(3, {"EVAL",
+            "for i = 1, 6 do redis.call('HSET', 'p_libpub.cap_subcard_state|' .. i .. '|0', "
+            "'ready', 1) end",
             "0"});
-    cli(28, {"EVAL", "for i = 1, 12 do redis.call('HSET', 's_frame.cap_subcard_glb_table|' .. (i % 6 + 1) .. "
-                     "'|/' .. i, 'bool_value', 'true') end", "0"}); // two entries a node
+    cli(28,
+        {"EVAL",
+         "for i = 1, 12 do redis.call('HSET', 's_frame.cap_subcard_glb_table|' .. (i % 6 + 1) .. "
+         "'|/' .. i, 'bool_value', 'true') end",
+         "0"});                    // two entries a node
     static std::vector<int> outer; // the nodes the outer scan delivered
     static const kx_mom_cb inner = [](kx_global_t *g, kx_mom_msg *m, void *) -> int32_t {
-        auto *rec = static_cast<SFrame__CapSubcardGlbTable *>(static_cast<kx_mom_hash_res *>(m->data)->obj);
+        auto *rec =
+            static_cast<SFrame__CapSubcardGlbTable *>(static_cast<kx_mom_hash_res *>(m->data)->obj);
         return rec->index->node == outer.back() ? kx_mom_del_sync(g, 28, &rec->base) : 0;
     };
     auto on_outer = [](kx_global_t *g, kx_mom_msg *m, void *) -> int32_t {
-        auto *rec = static_cast<PLibpub__CapSubcardState *>(static_cast<kx_mom_hash_res *>(m->data)->obj);
+        auto *rec =
+            static_cast<PLibpub__CapSubcardState *>(static_cast<kx_mom_hash_res *>(m->data)->obj);
         outer.push_back(rec->index->nodeid);
         EXPECT_EQ(kx_mom_del_sync(g, 3, &rec->base), 0);
-        EXPECT_EQ(kx_mom_scan_sync(g, 28, record("s_frame.cap_subcard_glb_table|0|").get(), 0, inner, nullptr), 0);
+        EXPECT_EQ(kx_mom_scan_sync(g, 28, record("s_frame.cap_subcard_glb_table|0|").get(), 0,
+                                   inner, nullptr),
+                  0);
         const int32_t tag[] = {6};
         kx::Message ready = record("s_frame.cap_subcard_ready|" + std::to_string(outer.back()));
         return kx_mom_hmset_sync(g, 28, ready.get(), tag, 1);
     };
-    ASSERT_EQ(kx_mom_scan_sync(g, 3, record("p_libpub.cap_subcard_state|0|0").get(), 0, on_outer, nullptr), 0);
+    ASSERT_EQ(kx_mom_scan_sync(g, 3, record("p_libpub.cap_subcard_state|0|0").get(), 0, on_outer,
+                               nullptr),
+              0);
     std::ranges::sort(outer); // each once, in the store's order
     EXPECT_EQ(outer, (std::vector<int>{1, 2, 3, 4, 5, 6}));
     EXPECT_EQ(cli(3, {"DBSIZE"}), "0");
@@ -180,7 +212,8 @@ TEST_F(KxMom, EveryKeyspaceEventOfAnotherWriterMapsToItsDelivery)
     Lines table, one; // the whole table; one record of it and the single-record table
     ASSERT_EQ(kx_mom_subscribe(g, 3, record("s_frame.cap_dep|").get(), 0, recorder, &table), 0);
     const std::string k1 = "s_frame.cap_dep|one", k2 = "s_frame.cap_dep|two";
-    for (const std::string &key : {k1, k1, std::string("p_libpub.cap_state")}) // again while pending: no change
+    for (const std::string &key :
+         {k1, k1, std::string("p_libpub.cap_state")}) // again while pending: no change
         ASSERT_EQ(kx_mom_subscribe(g, 3, record(key).get(), 0, recorder, &one), 0);
     ASSERT_TRUE(run_until(g, [&] { return table.size() + one.size() >= 3; }));
     EXPECT_EQ(table, Lines{"3:29 s_frame.cap_dep|*"});
@@ -188,12 +221,21 @@ TEST_F(KxMom, EveryKeyspaceEventOfAnotherWriterMapsToItsDelivery)
     const std::string set = "3:4 " + k1 + " ready=true", gone = "3:3 " + k1 + " ready=false";
     const std::string hdel = "3:6 " + k1 + " ready=true", bad = "3:4 no record, error -1003";
     auto expired = [&] { return cli(3, {"EXISTS", k1}) == "0"; };
-    struct Case { std::vector<Lines> writes; Lines table, one; } cases[] = {
-        {{{"HSET", k1, "ready", "1"}, {"HSET", k1, "x", "1"}, {"HDEL", k1, "x"}}, {set, set, hdel}, {set, set, hdel}},
+    struct Case {
+        std::vector<Lines> writes;
+        Lines table, one;
+    } cases[] = {
+        {{{"HSET", k1, "ready", "1"}, {"HSET", k1, "x", "1"}, {"HDEL", k1, "x"}},
+         {set, set, hdel},
+         {set, set, hdel}},
         {{{"HDEL", k1, "ready"}}, {gone}, {gone}}, // its last field: the record is gone
-        {{{"HSET", k2, "ready", "1"}, {"RENAME", k2, k1}}, {"3:3 s_frame.cap_dep|two ready=false", set}, {set}},
+        {{{"HSET", k2, "ready", "1"}, {"RENAME", k2, k1}},
+         {"3:3 s_frame.cap_dep|two ready=false", set},
+         {set}},
         {{{"PEXPIRE", k1, "1"}, {"?gone", k1}}, {gone}, {gone}},
-        {{{"HSET", k1, "ready", "maybe"}, {"HSET", k2 + "|b", "ready", "1"}, {"SET", k2, "x"}}, {bad}, {bad}},
+        {{{"HSET", k1, "ready", "maybe"}, {"HSET", k2 + "|b", "ready", "1"}, {"SET", k2, "x"}},
+         {bad},
+         {bad}},
         {{{"SET", "p_libpub.cap_state", "(\x01"}}, {}, {"3:1 p_libpub.cap_state ready=true"}},
         {{{"DEL", "p_libpub.cap_state", k1}}, {gone}, {"3:3 p_libpub.cap_state ready=false", gone}},
     };
@@ -204,7 +246,8 @@ TEST_F(KxMom, EveryKeyspaceEventOfAnotherWriterMapsToItsDelivery)
             w[0] == "?gone" ? (void)testsupport::wait_for(expired) : (void)cli(3, w);
         // One connection's events arrive in order: the sentinel's comes last.
         cli(3, {"HSET", "s_frame.cap_dep|~", "ready", "true"});
-        ASSERT_TRUE(run_until(g, [&] { return table.size() && table.back().starts_with("3:4 s_frame.cap_dep|~"); }));
+        ASSERT_TRUE(run_until(
+            g, [&] { return table.size() && table.back().starts_with("3:4 s_frame.cap_dep|~"); }));
         table.pop_back();
         EXPECT_EQ(table, c.table);
         EXPECT_EQ(one, c.one);
@@ -228,8 +271,12 @@ int32_t follower(kx_global_t *g, kx_mom_msg *m, void *)
 TEST_F(KxMom, LostConnectionsGiveOneDisconnectTheRightReconnectAndACatchUp)
 {
     int written = 0;
-    write_late = [&](int32_t db) { cli(db, {"HSET", late, "int32_value", std::to_string(++written)}); };
-    auto down = [](kx_global_t *, int32_t db) { return seen[db].push_back("down"), write_late(db), 0; };
+    write_late = [&](int32_t db) {
+        cli(db, {"HSET", late, "int32_value", std::to_string(++written)});
+    };
+    auto down = [](kx_global_t *, int32_t db) {
+        return seen[db].push_back("down"), write_late(db), 0;
+    };
     auto up = [](kx_global_t *g, int32_t db, int32_t t) {
         seen[db].push_back("up " + std::to_string(t));
         return kx_mom_subscribe(g, db, record("s_frame.cap_dep|").get(), 0, follower, nullptr);
@@ -237,10 +284,12 @@ TEST_F(KxMom, LostConnectionsGiveOneDisconnectTheRightReconnectAndACatchUp)
     for (int32_t db : {3, 28}) {
         ASSERT_EQ(kx_mom_client_set_disconnect_cb(g, db, down, 0), 0);
         ASSERT_EQ(kx_mom_client_set_reconnect_cb(g, db, up, 0), 0);
-        ASSERT_EQ(kx_mom_subscribe(g, db, record("s_frame.cap_dep|").get(), 0, follower, nullptr), 0);
+        ASSERT_EQ(kx_mom_subscribe(g, db, record("s_frame.cap_dep|").get(), 0, follower, nullptr),
+                  0);
     }
     ASSERT_TRUE(run_until(g, [&] { return seen.size() == 2; }));
-    const std::tuple<int32_t, Lines, int> cases[] = { // the database, how it goes down, reconnect type
+    const std::tuple<int32_t, Lines, int> cases[] = {
+        // the database, how it goes down, reconnect type
         {3, {"CLIENT", "KILL", "TYPE", "normal"}, 2},
         {28, {"CLIENT", "KILL", "TYPE", "pubsub"}, 2},
         {3, {}, 1}, // the server restarted
@@ -250,9 +299,11 @@ TEST_F(KxMom, LostConnectionsGiveOneDisconnectTheRightReconnectAndACatchUp)
         kill.empty() ? local.restart() : (void)cli(db, kill);
         // One disconnect and reconnect; then every database's subscription is
         // confirmed again, this one's reading what was written while it was down.
-        ASSERT_TRUE(run_until(g, [&] { return seen[db].size() == 3 && seen.size() == 2; })) << "db " << db;
-        EXPECT_EQ(seen[db], (Lines{"down", "up " + std::to_string(type), "29 " + late +
-                  " bool_value=false int32_value=" + std::to_string(written) + " str_value="}));
+        ASSERT_TRUE(run_until(g, [&] { return seen[db].size() == 3 && seen.size() == 2; }))
+            << "db " << db;
+        EXPECT_EQ(seen[db], (Lines{"down", "up " + std::to_string(type),
+                                   "29 " + late + " bool_value=false int32_value=" +
+                                       std::to_string(written) + " str_value="}));
     }
 }
 
@@ -263,12 +314,16 @@ TEST_F(KxMom, NoRouteIsLostAndEachIsConfirmedOncePerReconnect)
     const std::string all = "s_frame.cap_del_fe_ready|0|0", two = "s_frame.cap_del_fe_ready|2|2";
     auto up = [](kx_global_t *g, int32_t db, int32_t) {
         events.push_back("up");
-        return kx_mom_subscribe(g, db, record("s_frame.cap_del_fe_ready|0|0").get(), 0, recorder, &events);
+        return kx_mom_subscribe(g, db, record("s_frame.cap_del_fe_ready|0|0").get(), 0, recorder,
+                                &events);
     };
-    ASSERT_EQ(kx_mom_client_set_disconnect_cb(g, 28, [](kx_global_t *, int32_t) { return events.push_back("down"), 0; }, 0), 0);
+    ASSERT_EQ(kx_mom_client_set_disconnect_cb(
+                  g, 28, [](kx_global_t *, int32_t) { return events.push_back("down"), 0; }, 0),
+              0);
     ASSERT_EQ(kx_mom_client_set_reconnect_cb(g, 28, up, 0), 0);
     const std::string confirmed = "28:29 s_frame.cap_del_fe_ready|*";
-    const std::tuple<const char *, std::string, bool, Lines> cases[] = { // kill, subscribe, once down
+    const std::tuple<const char *, std::string, bool, Lines> cases[] = {
+        // kill, subscribe, once down
         {"normal", all, false, {"down", "up", confirmed}},
         {"pubsub", two, true, {"down", "up", confirmed, "28:29 " + two}},
     };
@@ -296,23 +351,35 @@ TEST_F(KxMom, ConnectRefusalsSayWhyAndSubscribeRefusalsAreLogged)
     cli(28, {"ACL", "SETUSER", "card", "on", ">s3cret", "~*", "+@all", "&__keyspace@2__:*"});
     cli(28, {"ACL", "SETUSER", "deaf", "on", ">s3cret", "~*", "+@all", "resetchannels"});
     const std::string at = global.addr() + ": ";
-    struct Case { std::string addr; const char *user, *password; int32_t rc; std::string line; };
+    struct Case {
+        std::string addr;
+        const char *user, *password;
+        int32_t rc;
+        std::string line;
+    };
     std::vector<Case> cases = {
-        {"tcp:127.0.0.1:1", nullptr, nullptr, KX_MOM_ENOTCONN, "tcp:127.0.0.1:1: cannot connect: Connection refused"},
-        {"unix:/none/redis.sock", nullptr, nullptr, KX_MOM_ENOTCONN, "unix:/none/redis.sock: cannot connect: No such file or directory"},
+        {"tcp:127.0.0.1:1", nullptr, nullptr, KX_MOM_ENOTCONN,
+         "tcp:127.0.0.1:1: cannot connect: Connection refused"},
+        {"unix:/none/redis.sock", nullptr, nullptr, KX_MOM_ENOTCONN,
+         "unix:/none/redis.sock: cannot connect: No such file or directory"},
         {small.addr(), nullptr, nullptr, KX_MOM_ECONFIG,
-         small.addr() + ": the server has 16 databases, 29 are needed: set `databases 32` in redis.conf"},
-        {global.addr(), "card", nullptr, KX_MOM_ECONFIG, at + "KX_MOM_USER is set without KX_MOM_PASSWORD"},
+         small.addr() +
+             ": the server has 16 databases, 29 are needed: set `databases 32` in redis.conf"},
+        {global.addr(), "card", nullptr, KX_MOM_ECONFIG,
+         at + "KX_MOM_USER is set without KX_MOM_PASSWORD"},
         {global.addr(), "card", "wrong", KX_MOM_ECONFIG,
-         at + "AUTH as 'card' refused: WRONGPASS invalid username-password pair or user is disabled."},
+         at + "AUTH as 'card' refused: WRONGPASS invalid username-password pair or user is "
+              "disabled."},
         {global.addr(), "deaf", "s3cret", KX_MOM_ECONFIG,
-         at + "user 'deaf' may subscribe to no channel of db 2: grant them, e.g. ACL SETUSER deaf allchannels, "
+         at + "user 'deaf' may subscribe to no channel of db 2: grant them, e.g. ACL SETUSER deaf "
+              "allchannels, "
               "or '&__keyspace@2__:*' and each table followed whole as '&__keyspace@2__:TABLE|*'"},
     };
-    for (std::string bad : {"udp:127.0.0.1:6379", "tcp:127.0.0.1", "tcp::6379", "tcp:[]:6379", "tcp:127.0.0.1:0",
-                            "tcp:127.0.0.1:65536", "tcp:127.0.0.1:63x", "unix:"})
-        cases.push_back({bad, nullptr, nullptr, KX_MOM_ECONFIG,
-                         "bad KX_MOM_ADDR_2 '" + bad + "': expected unix:/path/redis.sock or tcp:HOST:PORT"});
+    for (std::string bad : {"udp:127.0.0.1:6379", "tcp:127.0.0.1", "tcp::6379", "tcp:[]:6379",
+                            "tcp:127.0.0.1:0", "tcp:127.0.0.1:65536", "tcp:127.0.0.1:63x", "unix:"})
+        cases.push_back(
+            {bad, nullptr, nullptr, KX_MOM_ECONFIG,
+             "bad KX_MOM_ADDR_2 '" + bad + "': expected unix:/path/redis.sock or tcp:HOST:PORT"});
     cases.push_back({global.addr(), "card", "s3cret", 0, ""});
     for (const Case &c : cases) {
         setenv("KX_MOM_ADDR_2", c.addr.c_str(), 1);
@@ -320,7 +387,8 @@ TEST_F(KxMom, ConnectRefusalsSayWhyAndSubscribeRefusalsAreLogged)
         c.password ? setenv("KX_MOM_PASSWORD", c.password, 1) : unsetenv("KX_MOM_PASSWORD");
         testing::internal::CaptureStderr();
         EXPECT_EQ(kx_mom_client_connect_sync(g, 2), c.rc) << c.addr;
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.rc ? "kx_mom: db 2: " + c.line + "\n" : "");
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  c.rc ? "kx_mom: db 2: " + c.line + "\n" : "");
     }
     unsetenv("KX_MOM_USER");
     unsetenv("KX_MOM_PASSWORD");
@@ -330,8 +398,10 @@ TEST_F(KxMom, ConnectRefusalsSayWhyAndSubscribeRefusalsAreLogged)
         ASSERT_EQ(kx_mom_subscribe(g, 2, record(key).get(), 0, recorder, &rec), 0);
     EXPECT_TRUE(run_until(g, [&] { return rec.size() == 1; }));
     EXPECT_EQ(rec, Lines{"2:29 s_frame.cap_dep|x"});
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "kx_mom: db 2: PSUBSCRIBE __keyspace@2__:s_frame.cap_dep|* "
-              "refused: NOPERM this user has no permissions to access one of the channels used as arguments\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "kx_mom: db 2: PSUBSCRIBE __keyspace@2__:s_frame.cap_dep|* "
+              "refused: NOPERM this user has no permissions to access one of the channels used as "
+              "arguments\n");
 }
 
 // db 3's server stopped: the call that finds it waits the command timeout, then db 3 is
@@ -342,8 +412,13 @@ TEST_F(KxMom, AStoppedServerHoldsOnlyTheCallThatFindsIt)
     using Clock = std::chrono::steady_clock;
     const std::string info = local.cli(0, {"INFO", "server"});
     const pid_t pid = std::stoi(info.substr(info.find("process_id:") + 11));
-    ASSERT_EQ(kx_mom_client_set_reconnect_cb(g, 3, [](kx_global_t *, int32_t, int32_t t) {
-        return events.push_back("up " + std::to_string(t)), 0; }, 0), 0);
+    ASSERT_EQ(kx_mom_client_set_reconnect_cb(
+                  g, 3,
+                  [](kx_global_t *, int32_t, int32_t t) {
+                      return events.push_back("up " + std::to_string(t)), 0;
+                  },
+                  0),
+              0);
     events.clear();
     const kx::Message key = record("s_frame.cap_dep|x");
     kill(pid, SIGSTOP);
@@ -353,8 +428,10 @@ TEST_F(KxMom, AStoppedServerHoldsOnlyTheCallThatFindsIt)
     start = Clock::now();
     int32_t error = 0, tag = 6;
     EXPECT_EQ(kx_mom_get_sync(g, 3, key.get(), &error), nullptr);
-    EXPECT_EQ((std::vector<int32_t>{error, kx_mom_hmset_sync(g, 3, key.get(), &tag, 1), kx_mom_del_sync(g, 3, key.get()),
-               kx_mom_scan_sync(g, 3, key.get(), 0, recorder, &events), kx_mom_scan(g, 3, key.get(), 0, recorder, &events)}),
+    EXPECT_EQ((std::vector<int32_t>{error, kx_mom_hmset_sync(g, 3, key.get(), &tag, 1),
+                                    kx_mom_del_sync(g, 3, key.get()),
+                                    kx_mom_scan_sync(g, 3, key.get(), 0, recorder, &events),
+                                    kx_mom_scan(g, 3, key.get(), 0, recorder, &events)}),
               std::vector<int32_t>(5, KX_MOM_ENOTCONN));
     EXPECT_LT(Clock::now() - start, 200ms);
     static Clock::time_point last = Clock::now();
@@ -362,7 +439,8 @@ TEST_F(KxMom, AStoppedServerHoldsOnlyTheCallThatFindsIt)
     static int served = 0;
     auto tick = [](evutil_socket_t, short, void *g) {
         longest = std::max(longest, Clock::now() - last), last = Clock::now();
-        served += kx::HashRes(kx_mom_hgetall_sync(static_cast<kx_global_t *>(g), 28, record("s_frame.cap_dep|x").get())) != nullptr;
+        served += kx::HashRes(kx_mom_hgetall_sync(static_cast<kx_global_t *>(g), 28,
+                                                  record("s_frame.cap_dep|x").get())) != nullptr;
     };
     kx::Event timer(event_new(g->base, -1, EV_PERSIST, tick, g));
     const timeval every{0, 50000}, window{3, 0};

@@ -24,14 +24,28 @@ std::atomic<bool> g_loop_ended{false};
 std::atomic<int> g_calls{0};
 
 // Binary bytes with 4 MiB after them, left in stdio's buffer for the shell to flush.
-const std::string dump_text = std::string("\0\x01\xff" "a\r\nb", 7) + std::string(4 << 20, 'x');
+const std::string dump_text = std::string("\0\x01\xff"
+                                          "a\r\nb",
+                                          7) +
+                              std::string(4 << 20, 'x');
 
 // Handlers write through stdio and through the descriptor itself.
-void cmd_num(int32_t n) { ++g_calls; printf("num=%d\n", n); }
-void cmd_pair(const char *word, int n) { ++g_calls; dprintf(STDOUT_FILENO, "%s:%d", word, n); }
+void cmd_num(int32_t n)
+{
+    ++g_calls;
+    printf("num=%d\n", n);
+}
+void cmd_pair(const char *word, int n)
+{
+    ++g_calls;
+    dprintf(STDOUT_FILENO, "%s:%d", word, n);
+}
 void cmd_dump() { fwrite(dump_text.data(), 1, dump_text.size(), stdout); }
 
-std::string ok(const std::string &output) { return "OK " + std::to_string(output.size()) + "\n" + output; }
+std::string ok(const std::string &output)
+{
+    return "OK " + std::to_string(output.size()) + "\n" + output;
+}
 
 // Connects and sends `request`; a server that stopped serving fails the test, not hangs it.
 int dial(const std::string &request)
@@ -70,7 +84,8 @@ protected:
     static void TearDownTestSuite() // a failure here ends the program: it cannot hang
     {
         kill(getpid(), SIGTERM);
-        ASSERT_TRUE(testsupport::wait_for([] { return g_loop_ended.load(); })) << "SIGTERM left the loop running";
+        ASSERT_TRUE(testsupport::wait_for([] { return g_loop_ended.load(); }))
+            << "SIGTERM left the loop running";
         g_loop.join();
         kx_global_finish(g_global);
     }
@@ -89,7 +104,8 @@ TEST_F(Ssat, ManyClientsAtOnceHaveTheirLinesParsedByTheRegisteredFormat)
         {"num\n", num + "0 arguments\n"},
         {"num 1 2\n", num + "2 arguments\n"},
         {"pair " + std::string(255, 'w') + " 3\n", ok(std::string(255, 'w') + ":3")},
-        {"pair " + std::string(256, 'w') + " 3\n", "ERR pair: expected %s %d, got a word longer than 255 bytes\n"},
+        {"pair " + std::string(256, 'w') + " 3\n",
+         "ERR pair: expected %s %d, got a word longer than 255 bytes\n"},
         {"nosuch\n", "ERR unknown command 'nosuch' (try help)\n"},
         {std::string("num \0 1\n", 8), "ERR line holds bytes that are not printable text\n"},
         {"pair \xc3\xa9 1\n", "ERR line holds bytes that are not printable text\n"},
@@ -100,7 +116,8 @@ TEST_F(Ssat, ManyClientsAtOnceHaveTheirLinesParsedByTheRegisteredFormat)
     const int before = g_calls, stalled = dial("dump\n"); // read last
     close(dial("dump\n"));
     std::vector<int> fds;
-    std::ranges::transform(cases, std::back_inserter(fds), [](const auto &c) { return dial(c.first); });
+    std::ranges::transform(cases, std::back_inserter(fds),
+                           [](const auto &c) { return dial(c.first); });
     for (size_t i = 0; i < fds.size(); ++i)
         EXPECT_EQ(reply_to(fds[i]), cases[i].second) << cases[i].first.substr(0, 40);
     EXPECT_EQ(g_calls - before, 3); // the OK lines but help
@@ -111,8 +128,13 @@ TEST_F(Ssat, ClientPassesTheOutputOnByteForByteAndExitsByOutcome)
 {
     const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
         {{SSAT_BIN, "shell", "dump"}, 0, dump_text, ""},
-        {{SSAT_BIN, "shell", "num", "x"}, 1, "", "num: expected %d, got 'x', not a 32-bit integer\n"},
-        {{SSAT_BIN, "vek_cap", "dump_all"}, 3, "",
+        {{SSAT_BIN, "shell", "num", "x"},
+         1,
+         "",
+         "num: expected %d, got 'x', not a 32-bit integer\n"},
+        {{SSAT_BIN, "vek_cap", "dump_all"},
+         3,
+         "",
          "vek_cap is not running (no socket at " + g_root / "var/run/ssat/vek_cap.sock" + ")\n"},
         {{SSAT_BIN, "shell"}, 2, "", "ssat: missing MODULE or COMMAND\n"},
     };
@@ -130,7 +152,8 @@ TEST_F(Ssat, OnlyRootAndTheDaemonsUserGetIn)
     // Open the directories' and the socket's modes: only the peer check stands in the way.
     for (const char *path : {"", "/var", "/var/run", "/var/run/ssat", "/var/run/ssat/shell.sock"})
         chmod((g_root.path() + path).c_str(), 0777);
-    auto r = testsupport::run({"setpriv", "--reuid=65534", "--clear-groups", SSAT_BIN, "shell", "num", "1"});
+    auto r = testsupport::run(
+        {"setpriv", "--reuid=65534", "--clear-groups", SSAT_BIN, "shell", "num", "1"});
     // Status|output|error: refused, and num did not run.
     EXPECT_EQ(std::to_string(r.status) + "|" + r.out + "|" + r.err, "1||permission denied\n");
 }

@@ -34,13 +34,16 @@ TEST(Zlog, RecordsAreOneEscapedLineEachFromTheConfiguredLevelUp)
     log(cat, KX_ZLOG_LEVEL_NOTICE, "init ham fail");
     log(cat, KX_ZLOG_LEVEL_WARN, "one line feed\n");
     log(cat, KX_ZLOG_LEVEL_ERROR, "two\n\n");
-    log(cat, KX_ZLOG_LEVEL_FATAL, "a\r\nb\tc\x01" "d");
+    log(cat, KX_ZLOG_LEVEL_FATAL,
+        "a\r\nb\tc\x01"
+        "d");
     // Each record's time stamp ("2026-11-22 23:01:02.123456 ") read as "T ".
     const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )");
-    const std::string source = " [" + std::to_string(getpid()) + ":app/vek_cap/vek_cap:vek_cap_indep_init:212] ";
+    const std::string source =
+        " [" + std::to_string(getpid()) + ":app/vek_cap/vek_cap:vek_cap_indep_init:212] ";
     EXPECT_EQ(std::regex_replace(read_file(root / "var/log/m.log"), stamp, "T "),
-              "T NOTICE" + source + "init ham fail\n" + "T WARN" + source + "one line feed\n" + "T ERROR" +
-                  source + "two\\n\n" + "T FATAL" + source + "a\\r\\nb\\tc\\x01d\n");
+              "T NOTICE" + source + "init ham fail\n" + "T WARN" + source + "one line feed\n" +
+                  "T ERROR" + source + "two\\n\n" + "T FATAL" + source + "a\\r\\nb\\tc\\x01d\n");
 }
 
 TEST(Zlog, OutputIsKxLogThenTheConfigurationThenTheDefault)
@@ -50,14 +53,9 @@ TEST(Zlog, OutputIsKxLogThenTheConfigurationThenTheDefault)
     const std::string conf = root / "conf.log", env = root / "env.log", bad = root / "no/dir/x";
     // configuration (none in the first two), KX_LOG, the file written (none: refused)
     const std::tuple<std::string, std::string, std::string> cases[] = {
-        {"", "", root / "var/log/m.log"},
-        {"", bad, ""},
-        {"output = " + conf, "", conf},
-        {"output = " + conf, env, env},
-        {"output", "", ""},
-        {"levle = INFO", "", ""},
-        {"level = LOUD", "", ""},
-        {"level = 254", "", ""},
+        {"", "", root / "var/log/m.log"}, {"", bad, ""},           {"output = " + conf, "", conf},
+        {"output = " + conf, env, env},   {"output", "", ""},      {"levle = INFO", "", ""},
+        {"level = LOUD", "", ""},         {"level = 254", "", ""},
     };
     for (const auto &[config, kx_log, written] : cases) {
         if (!config.empty())
@@ -95,7 +93,8 @@ TEST(Zlog, SighupOpensTheLogAgainAndEndsNothing)
     if (!wait_for([&] { return waitpid(pid, &raw, WNOHANG) == pid; }))
         kill(pid, SIGKILL), waitpid(pid, &raw, 0);
     EXPECT_EQ(raw, 0) << "not a clean exit";
-    EXPECT_TRUE(read_file(path).ends_with("after\n") && !read_file(path + ".1").ends_with("after\n"));
+    EXPECT_TRUE(read_file(path).ends_with("after\n") &&
+                !read_file(path + ".1").ends_with("after\n"));
 }
 
 } // namespace

@@ -74,8 +74,10 @@ kx::Message record(const std::string &key, const Fields &fields = {})
     const char *why = "";
     kx::Message rec(kx::parse_key(kx::table_of_key(key), key, &error));
     for (const auto &[name, text] : fields)
-        kx::set_field(rec.get(), protobuf_c_message_descriptor_get_field_by_name(
-                                     rec->descriptor, name.c_str()), text, &why);
+        kx::set_field(
+            rec.get(),
+            protobuf_c_message_descriptor_get_field_by_name(rec->descriptor, name.c_str()), text,
+            &why);
     return rec;
 }
 
@@ -109,8 +111,8 @@ int32_t add_delivery(kx_global_t *, kx_mom_msg *m, void *out)
 {
     auto *res = static_cast<kx_mom_hash_res *>(m->data);
     std::string what = m->cmd == KX_MOM_CMD_HSET ? describe(res) : describe(m->data);
-    static_cast<std::vector<std::string> *>(out)->push_back(std::to_string(m->cmd) + " " + m->key + ": " +
-                                                           what + "; ");
+    static_cast<std::vector<std::string> *>(out)->push_back(std::to_string(m->cmd) + " " + m->key +
+                                                            ": " + what + "; ");
     return 0;
 }
 
@@ -138,7 +140,8 @@ std::string run(kx_global_t *g, const Call &c)
         return describe(kx::HashRes(kx_mom_hgetall_sync(g, c.db, key)).get());
     if (c.op == "scan") { // in key order: the store's order is its own
         std::vector<std::string> got;
-        std::string out = std::to_string(kx_mom_scan_sync(g, c.db, key, 0, add_delivery, &got)) + " ";
+        std::string out =
+            std::to_string(kx_mom_scan_sync(g, c.db, key, 0, add_delivery, &got)) + " ";
         std::ranges::sort(got);
         for (const std::string &one : got)
             out += one;
@@ -156,12 +159,15 @@ TEST(KxParity, SameCallsGiveSameResultsAndStoreTheSame)
     const std::string edge(4096 - 13, 'x'), whole_edge = "(\x01" + std::string(4094, 'x');
     const std::string dep = "s_frame.cap_dep|", state = "p_libpub.cap_state", desc(65536, 'd');
     std::map<int32_t, Records> store = {
-        {1, {{state, {{"value", whole_edge + "x"}}},
-             {"p_dev.dp_lib_my_chss_info", {{"devid", "9"}, {"dev_desc", desc}}}}},
+        {1,
+         {{state, {{"value", whole_edge + "x"}}},
+          {"p_dev.dp_lib_my_chss_info", {{"devid", "9"}, {"dev_desc", desc}}}}},
         {2, {{state, {{"value", whole_edge}}}}},
-        {3, {{dep + "bad", {{"ready", "maybe"}}}, {dep + "odd", {{"junk", "1"}}},
-             {dep + "edge", {{"ready", "true"}, {"junk", edge}}},
-             {dep + "big", {{"ready", "true"}, {"junk", edge + "x"}}}}},
+        {3,
+         {{dep + "bad", {{"ready", "maybe"}}},
+          {dep + "odd", {{"junk", "1"}}},
+          {dep + "edge", {{"ready", "true"}, {"junk", edge}}},
+          {dep + "big", {{"ready", "true"}, {"junk", edge + "x"}}}}},
         {28, {{state, {{"value", "\xff"}}}}},
     };
     Backend b;
@@ -200,9 +206,10 @@ TEST(KxParity, SameCallsGiveSameResultsAndStoreTheSame)
         {{"hgetall", 1, "p_dev.dp_lib_my_chss_info"}, "-1003 no record"},
         {{"hgetall", 3, state}, "null"}, // the whole value has no hash fields
         {{"hgetall", 3, ""}, "null"},
-        {{"scan", 3, dep}, "0 4 s_frame.cap_dep|bad: -1003 no record; "
-                           "4 s_frame.cap_dep|big: -1003 no record; "
-                           "4 s_frame.cap_dep|edge: 0 [ready=true]; 4 s_frame.cap_dep|odd: 0 []; "},
+        {{"scan", 3, dep},
+         "0 4 s_frame.cap_dep|bad: -1003 no record; "
+         "4 s_frame.cap_dep|big: -1003 no record; "
+         "4 s_frame.cap_dep|edge: 0 [ready=true]; 4 s_frame.cap_dep|odd: 0 []; "},
         {{"scan", 2, state}, "0 1 p_libpub.cap_state: p_libpub.cap_state ready=true; "},
         {{"del", 3, state}, "0"},
         {{"get", 3, state}, "0 no record"},

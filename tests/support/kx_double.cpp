@@ -24,9 +24,9 @@ struct State {
     std::vector<std::string> calls;
     std::deque<std::function<void()>> queue;
     std::vector<Subscription> subs;
-    std::vector<Subscription> unconfirmed; // a cmd 29 of theirs is in the queue
+    std::vector<Subscription> unconfirmed;     // a cmd 29 of theirs is in the queue
     std::vector<std::pair<Fault, int>> faults; // with the matching calls seen so far
-    std::vector<std::string> logs; // as log_briefs() shows them
+    std::vector<std::string> logs;             // as log_briefs() shows them
     std::map<std::string, std::pair<ssat_fn, ssat_thunk>, std::less<>> commands;
     std::string root = "/nonexistent-kx-double-root";
     kx_global global;
@@ -63,7 +63,8 @@ std::string selection(const ProtobufCMessage *key)
 bool selects(std::string_view selection, std::string_view key)
 {
     // A whole table "name|*": its name and the separator start the key.
-    return selection.ends_with("|*") ? key.starts_with(selection.substr(0, selection.size() - 1)) : selection == key;
+    return selection.ends_with("|*") ? key.starts_with(selection.substr(0, selection.size() - 1))
+                                     : selection == key;
 }
 
 std::string line(const char *name, int32_t db, const ProtobufCMessage *key, bool select)
@@ -120,7 +121,8 @@ ProtobufCMessage *read_record(int32_t db, const std::string &key, int32_t *error
 
 // Nothing reaches a subscriber while its database is down: the subscriber connection is
 // gone as well.
-void deliver(const Subscription &to, const std::string &key, int32_t cmd, void *data, int32_t scan_over = 0)
+void deliver(const Subscription &to, const std::string &key, int32_t cmd, void *data,
+             int32_t scan_over = 0)
 {
     kx_mom_msg msg{to.db, kx::table_of_key(key), cmd, data, key.c_str(), scan_over};
     if (!s.down.count(to.db))
@@ -181,17 +183,23 @@ void scan(const Subscription &sc)
 std::vector<std::string> trace(std::string_view prefix)
 {
     std::vector<std::string> out;
-    std::ranges::copy_if(s.calls, std::back_inserter(out), [&](const std::string &c) { return c.starts_with(prefix); });
+    std::ranges::copy_if(s.calls, std::back_inserter(out),
+                         [&](const std::string &c) { return c.starts_with(prefix); });
     return out;
 }
 
-void clear() { s.calls.clear(); s.logs.clear(); }
+void clear()
+{
+    s.calls.clear();
+    s.logs.clear();
+}
 
 void put_raw(int32_t db, const std::string &key, const Fields &fields, bool tell)
 {
     Fields &record = s.dbs[db][key];
     for (const auto &field : fields) {
-        auto it = std::find_if(record.begin(), record.end(), [&](auto &f) { return f.first == field.first; });
+        auto it = std::find_if(record.begin(), record.end(),
+                               [&](auto &f) { return f.first == field.first; });
         it == record.end() ? record.push_back(field) : void(it->second = field.second);
     }
     if (tell)
@@ -272,11 +280,15 @@ int32_t kx_global_run(kx_global_t *)
 }
 
 void kx_global_finish(kx_global_t *) { called("kx_global_finish"); }
-int32_t kx_initframe_duplicate_check(void) { return code_of(called("kx_initframe_duplicate_check")); }
+int32_t kx_initframe_duplicate_check(void)
+{
+    return code_of(called("kx_initframe_duplicate_check"));
+}
 
 int32_t reg_process_exit_action(int32_t action, int32_t reason)
 {
-    return code_of(called("reg_process_exit_action " + std::to_string(action) + " " + std::to_string(reason)));
+    return code_of(
+        called("reg_process_exit_action " + std::to_string(action) + " " + std::to_string(reason)));
 }
 
 int32_t kx_monotime(kx_timestamp_t *ts)
@@ -296,16 +308,24 @@ int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db)
     return global != &s.global ? KX_MOM_EINVAL : code_of(f);
 }
 
-int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db, kx_mom_disconnect_cb cb, uint32_t)
+int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db, kx_mom_disconnect_cb cb,
+                                        uint32_t)
 {
-    return status("kx_mom_client_set_disconnect_cb " + std::to_string(db), db, global == &s.global && cb,
-                  [&] { s.on_down[db] = cb; return 0; });
+    return status("kx_mom_client_set_disconnect_cb " + std::to_string(db), db,
+                  global == &s.global && cb, [&] {
+                      s.on_down[db] = cb;
+                      return 0;
+                  });
 }
 
-int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db, kx_mom_reconnect_cb cb, uint32_t)
+int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db, kx_mom_reconnect_cb cb,
+                                       uint32_t)
 {
-    return status("kx_mom_client_set_reconnect_cb " + std::to_string(db), db, global == &s.global && cb,
-                  [&] { s.on_up[db] = cb; return 0; });
+    return status("kx_mom_client_set_reconnect_cb " + std::to_string(db), db,
+                  global == &s.global && cb, [&] {
+                      s.on_up[db] = cb;
+                      return 0;
+                  });
 }
 
 // A route asked for while its database is down is kept, and confirmed by the reconnect.
@@ -328,8 +348,10 @@ int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage
 int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
                          kx_mom_cb cb, void *privdata)
 {
-    return status(line("kx_mom_scan_sync", db, key, true), db, valid(global, db, key) && cb,
-                  [&] { scan({db, selection(key), cb, privdata}); return 0; });
+    return status(line("kx_mom_scan_sync", db, key, true), db, valid(global, db, key) && cb, [&] {
+        scan({db, selection(key), cb, privdata});
+        return 0;
+    });
 }
 
 int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
@@ -337,7 +359,10 @@ int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key
 {
     return status(line("kx_mom_scan", db, key, true), db, valid(global, db, key) && cb, [&] {
         Subscription sc{db, selection(key), cb, privdata};
-        s.queue.push_back([sc] { scan(sc); deliver(sc, sc.selection, 0, nullptr, 1); });
+        s.queue.push_back([sc] {
+            scan(sc);
+            deliver(sc, sc.selection, 0, nullptr, 1);
+        });
         return 0;
     });
 }
@@ -350,7 +375,8 @@ void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *k
     bool read = !f || f->how == Fail::WithObject;
     code = !valid(global, db, key) ? KX_MOM_EINVAL
            : !read                 ? (f->how == Fail::Code ? f->rc : 0)
-           : s.down.count(db)      ? KX_MOM_ENOTCONN : 0;
+           : s.down.count(db)      ? KX_MOM_ENOTCONN
+                                   : 0;
     void *obj = code || !read ? nullptr : read_record(db, kx::record_key(key), &code);
     if (obj && f)
         code = f->rc;
@@ -364,7 +390,7 @@ kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db, const Prot
     if (!read || (f && f->how == Fail::Null))
         return nullptr;
     kx_mom_hash_res *res = f && f->how == Fail::Code ? kx::new_hash_res(db, kx::record_key(key), 0)
-                                                    : read_hash(db, kx::record_key(key));
+                                                     : read_hash(db, kx::record_key(key));
     if (f && res)
         res->error_code = f->rc;
     return res;
@@ -390,12 +416,11 @@ int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessag
 
 int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
 {
-    return status(line("kx_mom_del_sync", db, key, false), db, valid(global, db, key),
-                  [&] {
-                      if (s.dbs[db].erase(kx::record_key(key)))
-                          notify(db, kx::record_key(key), true);
-                      return 0;
-                  });
+    return status(line("kx_mom_del_sync", db, key, false), db, valid(global, db, key), [&] {
+        if (s.dbs[db].erase(kx::record_key(key)))
+            notify(db, kx::record_key(key), true);
+        return 0;
+    });
 }
 
 kx_zlog_category_t *kx_zlog_init(const char *module)
@@ -404,11 +429,12 @@ kx_zlog_category_t *kx_zlog_init(const char *module)
     return f ? nullptr : reinterpret_cast<kx_zlog_category_t *>(&g_category);
 }
 
-void kxdf_zlog(kx_zlog_category_t *, const char *file, size_t filelen, const char *func, size_t funclen,
-               long, int level, const char *format, ...)
+void kxdf_zlog(kx_zlog_category_t *, const char *file, size_t filelen, const char *func,
+               size_t funclen, long, int level, const char *format, ...)
 {
     // zlog's levels are 20 apart: DEBUG 20 to FATAL 120.
-    static const char *const names[] = {"LEVEL?", "DEBUG", "INFO", "NOTICE", "WARN", "ERROR", "FATAL"};
+    static const char *const names[] = {"LEVEL?", "DEBUG", "INFO", "NOTICE",
+                                        "WARN",   "ERROR", "FATAL"};
     char text[4096]; // the daemon formats into 1024 bytes and logs them with "%s"
     va_list ap;
     va_start(ap, format);
@@ -432,8 +458,8 @@ int32_t ssat_lib_init(kx_global_t *, const char *module)
     return code_of(called(std::string("ssat_lib_init ") + module));
 }
 
-int32_t ssat_reg_mod_cmd_impl(const char *module, const char *cmd, uint32_t, const char *format, ssat_fn fn,
-                              ssat_thunk thunk, int)
+int32_t ssat_reg_mod_cmd_impl(const char *module, const char *cmd, uint32_t, const char *format,
+                              ssat_fn fn, ssat_thunk thunk, int)
 {
     const Fault *f = called(std::string("ssat_reg_mod_cmd ") + module + " " + cmd + " " + format);
     if (!f)

@@ -82,7 +82,8 @@ struct Fault {
 };
 void inject(Fault fault);
 
-void set_root(std::string root); // kx_root_path's prefix (reset: a missing dir); kx_monotime reads 12:34
+void set_root(
+    std::string root); // kx_root_path's prefix (reset: a missing dir); kx_monotime reads 12:34
 
 // Runs a registered command as the shell would with these arguments; false when unknown.
 bool ssat_run(std::string_view cmd, int32_t num = 0, const char *word = nullptr);

@@ -81,7 +81,11 @@ public:
     // Every key of `db`, sorted, as "KEY field=value ..." (hash fields in the server's
     // order; a key of another type alone).
     std::vector<std::string> dump(int db) const;
-    void restart() { stop(); start(); } // a new run: its run_id differs
+    void restart()
+    {
+        stop();
+        start();
+    } // a new run: its run_id differs
 
 private:
     void start();
@@ -95,7 +99,7 @@ private:
 
 // Polls `pred` every 10 ms until it holds or `timeout` passes.
 bool wait_for(const std::function<bool()> &pred, std::chrono::milliseconds timeout = 5s);
-std::string read_file(const std::string &path); // empty when missing
+std::string read_file(const std::string &path);                    // empty when missing
 void write_file(const std::string &path, const std::string &text); // creates parent dirs
 
 } // namespace testsupport

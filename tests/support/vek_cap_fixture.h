@@ -52,7 +52,11 @@ inline void start_daemon_state(uint32_t level = 5)
 
 class DaemonTest : public ::testing::Test {
 protected:
-    void SetUp() override { kxd::reset(); reset_daemon_state(); }
+    void SetUp() override
+    {
+        kxd::reset();
+        reset_daemon_state();
+    }
 };
 
 } // namespace vek_cap_test

@@ -52,25 +52,45 @@ TEST_F(DepReadiness, EachDeliveryIsAppliedOrRefused)
     kx_mom_hash_res none{}, ready = none, without_index = none;
     ready.obj = &a_ready;
     without_index.obj = &no_index;
-    const std::string e = "ERROR app/vek_cap/vek_cap ", f = e + "vek_cap_dep_pmsg_f: ", pro = e + "vek_cap_dep_pro: ";
-    const std::string subscribed = f + "DEP subscribe ok, module A 12:34", changed = f + "DEP enter, 12:34",
-                      failed = f + "failed,rv ";
+    const std::string e = "ERROR app/vek_cap/vek_cap ",
+                      f = e + "vek_cap_dep_pmsg_f: ", pro = e + "vek_cap_dep_pro: ";
+    const std::string subscribed = f + "DEP subscribe ok, module A 12:34",
+                      changed = f + "DEP enter, 12:34", failed = f + "failed,rv ";
     // A delivery to A's subscription, a fault of the catch-up read, what is returned, and the
     // whole log at level 1 (errors only).
-    struct Case { int32_t cmd; void *data; kxd::Fault read; int32_t rc; std::vector<std::string> log; };
+    struct Case {
+        int32_t cmd;
+        void *data;
+        kxd::Fault read;
+        int32_t rc;
+        std::vector<std::string> log;
+    };
     const Case cases[] = {
         {29, nullptr, {}, 0, {subscribed}},
-        {29, nullptr, {"kx_mom_hgetall_sync", 0, 1, kxd::Fail::Null}, -21,
+        {29,
+         nullptr,
+         {"kx_mom_hgetall_sync", 0, 1, kxd::Fail::Null},
+         -21,
          {subscribed, pro + "result NULL", failed + "-21"}},
-        {29, nullptr, {"kx_mom_hgetall_sync", -1003}, -21,
+        {29,
+         nullptr,
+         {"kx_mom_hgetall_sync", -1003},
+         -21,
          {subscribed, pro + "result error_code -1003", failed + "-21"}},
-        {29, nullptr, {"kx_mom_hgetall_sync", -1002, 1, kxd::Fail::WithObject}, -21,
+        {29,
+         nullptr,
+         {"kx_mom_hgetall_sync", -1002, 1, kxd::Fail::WithObject},
+         -21,
          {subscribed, pro + "result error_code -1002", failed + "-21"}},
         {4, &ready, {}, 0, {changed}},
-        {7, &ready, {}, 0, {}},     // not a cmd of this subscription: nothing changes
+        {7, &ready, {}, 0, {}},       // not a cmd of this subscription: nothing changes
         {4, &none, {}, 0, {changed}}, // the module has not written its record yet
         {6, nullptr, {}, -21, {changed, pro + "result NULL", failed + "-21"}},
-        {4, &without_index, {}, -4, {changed, pro + "dep->index NULL pointer, addr error!\n", failed + "-4"}},
+        {4,
+         &without_index,
+         {},
+         -4,
+         {changed, pro + "dep->index NULL pointer, addr error!\n", failed + "-4"}},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(testing::Message() << "cmd " << c.cmd << " " << c.read.call << " " << c.rc);
@@ -82,8 +102,10 @@ TEST_F(DepReadiness, EachDeliveryIsAppliedOrRefused)
         EXPECT_EQ(vek_cap_dep_pmsg_f(g_vek_cap_global, &msg, item_of("A")), c.rc);
         const bool read = c.cmd == KX_MOM_CMD_SUBSCRIBED;
         // A's record, read or carried, is applied unless refused.
-        EXPECT_EQ(readiness({"A", "B", "C"}), c.rc == 0 && c.cmd != 7 && c.data != &none ? "100" : "000");
-        EXPECT_EQ(kxd::trace("kx_mom_"), std::vector<std::string>(read, "kx_mom_hgetall_sync 3 s_frame.cap_dep|A"));
+        EXPECT_EQ(readiness({"A", "B", "C"}),
+                  c.rc == 0 && c.cmd != 7 && c.data != &none ? "100" : "000");
+        EXPECT_EQ(kxd::trace("kx_mom_"),
+                  std::vector<std::string>(read, "kx_mom_hgetall_sync 3 s_frame.cap_dep|A"));
         EXPECT_EQ(kxd::log_briefs(), c.log);
         EXPECT_EQ(g_vek_cap_sub_last_dep_mod.sec, read ? 12u : 0u);
         EXPECT_EQ(g_vek_cap_recv_last_dep_mod.sec, c.cmd == 4 || c.cmd == 6 ? 12u : 0u);
@@ -96,14 +118,22 @@ TEST_F(DepReadiness, RecordsApplyUntilEveryModuleIsReadyThenLatch)
 {
     // A route for the whole table hands every module's record over as it is written.
     SFrame__CapDep table = S_FRAME__CAP_DEP__INIT;
-    ASSERT_EQ(kx_mom_subscribe(g_vek_cap_global, VEK_CAP_DB_HOST, &table.base, 0, vek_cap_dep_pmsg_f, nullptr), 0);
+    ASSERT_EQ(kx_mom_subscribe(g_vek_cap_global, VEK_CAP_DB_HOST, &table.base, 0,
+                               vek_cap_dep_pmsg_f, nullptr),
+              0);
     kxd::run();
     g_vek_cap_dbg_level = 2;
-    struct Step { const char *module; bool ready; const char *after; bool latched; };
-    const Step steps[] = {{"A", true, "100-", false},  {"A", false, "000-", false}, // not ready again
-                          {"A", true, "100-", false},  {"X", false, "1000", false}, // a module added
-                          {"X", true, "1001", false},  {"B", true, "1101", false},
-                          {"C", true, "1111", false},  {"A", false, "1111", true}}; // the last one, then latched
+    struct Step {
+        const char *module;
+        bool ready;
+        const char *after;
+        bool latched;
+    };
+    const Step steps[] = {
+        {"A", true, "100-", false}, {"A", false, "000-", false}, // not ready again
+        {"A", true, "100-", false}, {"X", false, "1000", false}, // a module added
+        {"X", true, "1001", false}, {"B", true, "1101", false},
+        {"C", true, "1111", false}, {"A", false, "1111", true}}; // the last one, then latched
     for (const Step &step : steps) {
         SCOPED_TRACE(std::string(step.module) + (step.ready ? " ready" : " not ready"));
         kxd::clear();
@@ -130,9 +160,11 @@ TEST_F(DepReadiness, AFailedSubscriptionStopsThePass)
     EXPECT_EQ(kxd::trace(), std::vector<std::string>(all.begin(), all.begin() + 2));
     ASSERT_EQ(kxd::subscriptions().size(), 1u);
     const kxd::Subscription &first = kxd::subscriptions()[0];
-    EXPECT_EQ(first.privdata, item_of(first.selection.substr(first.selection.find('|') + 1).c_str()));
+    EXPECT_EQ(first.privdata,
+              item_of(first.selection.substr(first.selection.find('|') + 1).c_str()));
     EXPECT_EQ(kxd::log_briefs(),
-              std::vector<std::string>{"ERROR app/vek_cap/vek_cap vek_cap_dep_validate: failed,rv -1001"});
+              std::vector<std::string>{
+                  "ERROR app/vek_cap/vek_cap vek_cap_dep_validate: failed,rv -1001"});
 }
 
 } // namespace

@@ -40,8 +40,14 @@ Buckets layout() // bucket -> module of every live bucket (state bits 0)
 // The registry's allocations, counted; the fail_at-th fails. Blocks that a failure leaves
 // behind are reported by the sanitized build's leak check.
 int alloc_calls, fail_at;
-void *calloc_or_fail(size_t n, size_t size) { return ++alloc_calls == fail_at ? nullptr : calloc(n, size); }
-void *realloc_or_fail(void *p, size_t size) { return ++alloc_calls == fail_at ? nullptr : realloc(p, size); }
+void *calloc_or_fail(size_t n, size_t size)
+{
+    return ++alloc_calls == fail_at ? nullptr : calloc(n, size);
+}
+void *realloc_or_fail(void *p, size_t size)
+{
+    return ++alloc_calls == fail_at ? nullptr : realloc(p, size);
+}
 
 void insert_all(const std::vector<std::string> &names)
 {
@@ -87,7 +93,8 @@ TEST_F(DepRegistry, BucketOrderAcrossARehashIsFixed)
 TEST_F(DepRegistry, RandomSetsKeepEveryInvariant)
 {
     // Most occupied buckets -> bucket count: 4 buckets hold 3, 8 hold 6 and so on.
-    const std::map<uint32_t, uint32_t> capacity = {{3, 4}, {6, 8}, {12, 16}, {25, 32}, {49, 64}, {99, 128}};
+    const std::map<uint32_t, uint32_t> capacity = {{3, 4},   {6, 8},   {12, 16},
+                                                   {25, 32}, {49, 64}, {99, 128}};
     std::mt19937 rng(20240611);
     for (int set = 0; set < 1000; ++set) {
         fresh(0);
@@ -103,8 +110,10 @@ TEST_F(DepRegistry, RandomSetsKeepEveryInvariant)
                 at->second = ready;
             const vek_cap_dep_hash_t *h = g_vek_cap_dep_hash;
             const auto cap = capacity.lower_bound(h->size);
-            ASSERT_EQ(std::make_tuple(h->size, h->n_occupied, h->n_buckets, h->upper_bound, layout().size()),
-                      std::make_tuple(model.size(), model.size(), cap->second, cap->first, model.size()));
+            ASSERT_EQ(
+                std::make_tuple(h->size, h->n_occupied, h->n_buckets, h->upper_bound,
+                                layout().size()),
+                std::make_tuple(model.size(), model.size(), cap->second, cap->first, model.size()));
             for (const auto &[key, want] : model) {
                 const vek_cap_dep_item probe = item_of(key), *found = vek_cap_find_dep_hash(&probe);
                 ASSERT_TRUE(found && found->ready == want) << key;
@@ -125,7 +134,8 @@ TEST_F(DepRegistry, AFailedAllocationLeavesTheRegistryAsItWas)
         EXPECT_EQ(vek_cap_insert_dep_hash(&d, 0), -11) << nth;
         EXPECT_EQ(std::memcmp(g_vek_cap_dep_hash, &before, sizeof before), 0) << nth;
         EXPECT_EQ(layout(), (Buckets{{0, "c"}, {1, "a"}, {2, "b"}}));
-        EXPECT_EQ(kxd::log_briefs().back(), "ERROR app/vek_cap/vek_cap vek_cap_insert_dep_hash: add module: d failed");
+        EXPECT_EQ(kxd::log_briefs().back(),
+                  "ERROR app/vek_cap/vek_cap vek_cap_insert_dep_hash: add module: d failed");
     }
 }
 
@@ -133,7 +143,10 @@ TEST_F(DepRegistry, TheWalkGoesInBucketOrderAndStopsAtTheFirstNonZero)
 {
     insert_all({"a", "b", "c"}); // buckets 1, 2, 0
     static std::vector<std::string> seen;
-    auto stop = [](vek_cap_dep_item *it, void *) { seen.push_back(it->module); return seen.size() == 2 ? -7 : 0; };
+    auto stop = [](vek_cap_dep_item *it, void *) {
+        seen.push_back(it->module);
+        return seen.size() == 2 ? -7 : 0;
+    };
     EXPECT_EQ(vek_cap_walk_dep_hash(stop, nullptr), -7);
     EXPECT_EQ(seen, (std::vector<std::string>{"c", "a"}));
 }

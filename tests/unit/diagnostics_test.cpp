@@ -33,7 +33,8 @@ protected:
     {
         g_vek_local_ready = g_vek_global_ready = 1;
         g_vek_cap_card = {16, 5, 7, 3, 1, 4};
-        g_vek_cap_time = {{1, 2}, {3, 4}, {5, 6}, {7, 8}, {9, 10}, {11, 12}, {13, 14}, {0, 0}, {0, 0}};
+        g_vek_cap_time = {{1, 2},   {3, 4},   {5, 6}, {7, 8}, {9, 10},
+                          {11, 12}, {13, 14}, {0, 0}, {0, 0}};
         g_vek_cap_sub_last_dep_mod = {15, 16};
         g_vek_cap_recv_last_dep_mod = {4294967295u, 999999};
         for (const char *name : {"fib_mgr", "acl_mgr"}) {
@@ -49,25 +50,36 @@ const std::string k_dep_banner = "\r\n==============dump dep mod================
 
 TEST_F(Diagnostics, EveryDumpPrintsItsTextExactly)
 {
-    const std::string status_before = "g_vek_local_ready, 0\ng_vek_global_ready, 0\n",
-                      card_before = "devid 0, slotid 0, sslotid 0, node 0xffffffff, config_dev_type 0, node_type 0\n",
-                      time_before = k_banner +
-                                    "vek_cap run 0:0\r\nsubscribe dev info ok 0:0\r\nrecv dev info 0:0\r\n"
-                                    "subscribe chss info ok 0:0\r\nrecv chss info 0:0\r\nsubscribe local ready ok 0:0\r\n"
-                                    "recv local redy 0:0\r\ncopy cap start 0:0\r\ncopy cap end 0:0\r\n"
-                                    "g_vek_cap_sub_last_dep_mod 0:0\r\ng_vek_cap_recv_last_dep_mod 0:0\r\n" +
-                                    k_banner;
-    const std::string status_after = "g_vek_local_ready, 1\ng_vek_global_ready, 1\n",
-                      card_after = "devid 7, slotid 3, sslotid 1, node 0x00000010, config_dev_type 5, node_type 4\n",
-                      time_after = k_banner +
-                                   "vek_cap run 1:2\r\nsubscribe dev info ok 3:4\r\nrecv dev info 5:6\r\n"
-                                   "subscribe chss info ok 7:8\r\nrecv chss info 9:10\r\nsubscribe local ready ok 11:12\r\n"
-                                   "recv local redy 13:14\r\ncopy cap start 0:0\r\ncopy cap end 0:0\r\n"
-                                   "g_vek_cap_sub_last_dep_mod 15:16\r\ng_vek_cap_recv_last_dep_mod 4294967295:999999\r\n" +
-                                   k_banner;
+    const std::string
+        status_before = "g_vek_local_ready, 0\ng_vek_global_ready, 0\n",
+        card_before =
+            "devid 0, slotid 0, sslotid 0, node 0xffffffff, config_dev_type 0, node_type 0\n",
+        time_before =
+            k_banner +
+            "vek_cap run 0:0\r\nsubscribe dev info ok 0:0\r\nrecv dev info 0:0\r\n"
+            "subscribe chss info ok 0:0\r\nrecv chss info 0:0\r\nsubscribe local ready ok 0:0\r\n"
+            "recv local redy 0:0\r\ncopy cap start 0:0\r\ncopy cap end 0:0\r\n"
+            "g_vek_cap_sub_last_dep_mod 0:0\r\ng_vek_cap_recv_last_dep_mod 0:0\r\n" +
+            k_banner;
+    const std::string
+        status_after = "g_vek_local_ready, 1\ng_vek_global_ready, 1\n",
+        card_after =
+            "devid 7, slotid 3, sslotid 1, node 0x00000010, config_dev_type 5, node_type 4\n",
+        time_after = k_banner +
+                     "vek_cap run 1:2\r\nsubscribe dev info ok 3:4\r\nrecv dev info 5:6\r\n"
+                     "subscribe chss info ok 7:8\r\nrecv chss info 9:10\r\nsubscribe local ready "
+                     "ok 11:12\r\n"
+                     "recv local redy 13:14\r\ncopy cap start 0:0\r\ncopy cap end 0:0\r\n"
+                     "g_vek_cap_sub_last_dep_mod 15:16\r\ng_vek_cap_recv_last_dep_mod "
+                     "4294967295:999999\r\n" +
+                     k_banner;
     // Both names hash to bucket 1 of 4: fib_mgr, inserted first, keeps it.
-    const std::string deps_after = k_dep_banner + "module:fib_mgr, ready 1\r\nmodule:acl_mgr, ready 0\r\n";
-    struct Case { const char *cmd; std::string before, after; };
+    const std::string deps_after =
+        k_dep_banner + "module:fib_mgr, ready 1\r\nmodule:acl_mgr, ready 0\r\n";
+    struct Case {
+        const char *cmd;
+        std::string before, after;
+    };
     const Case cases[] = {
         {"dump_status", status_before, status_after},
         {"dump_card_info", card_before, card_after},
@@ -89,13 +101,33 @@ TEST_F(Diagnostics, EveryDumpPrintsItsTextExactly)
 // The module's record is written and the outcome printed without a line ending.
 TEST_F(Diagnostics, SetDepModWritesTheRecordAndSaysHowItWent)
 {
-    struct Case { const char *name; int32_t ready; int32_t fault; std::string out, write; Lines log; };
+    struct Case {
+        const char *name;
+        int32_t ready;
+        int32_t fault;
+        std::string out, write;
+        Lines log;
+    };
     const Case cases[] = {
         {"x", 5, 0, "set dep mod x ready true ok", "kx_mom_hmset_sync 3 s_frame.cap_dep|x [6]", {}},
-        {"x", 0, 0, "set dep mod x ready false ok", "kx_mom_hmset_sync 3 s_frame.cap_dep|x [6]", {}},
-        {"fib_mgr", -1, KX_MOM_ENOTCONN, "set dep mod fib_mgr ready true failed",
-         "kx_mom_hmset_sync 3 s_frame.cap_dep|fib_mgr [6]", {}},
-        {nullptr, 1, 0, "", "", {"ERROR app/vek_cap/vek_cap_dbg vek_cap_set_dep_mod: mod NULL pointer, addr error!\n"}},
+        {"x",
+         0,
+         0,
+         "set dep mod x ready false ok",
+         "kx_mom_hmset_sync 3 s_frame.cap_dep|x [6]",
+         {}},
+        {"fib_mgr",
+         -1,
+         KX_MOM_ENOTCONN,
+         "set dep mod fib_mgr ready true failed",
+         "kx_mom_hmset_sync 3 s_frame.cap_dep|fib_mgr [6]",
+         {}},
+        {nullptr,
+         1,
+         0,
+         "",
+         "",
+         {"ERROR app/vek_cap/vek_cap_dbg vek_cap_set_dep_mod: mod NULL pointer, addr error!\n"}},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.out);
@@ -114,7 +146,8 @@ TEST_F(Diagnostics, SetDepModWritesTheRecordAndSaysHowItWent)
 TEST_F(Diagnostics, CollectWritesTheDumpIntoItsFileAndGivesStdoutBack)
 {
     testsupport::TempDir top;
-    const std::string root = top / "a b;touch pwned$(touch pwned2)'\"", file = root + "/data/collect/vek_cap.log";
+    const std::string root = top / "a b;touch pwned$(touch pwned2)'\"",
+                      file = root + "/data/collect/vek_cap.log";
     kxd::set_root(root);
     const std::string dump = output("dump_all");
     testsupport::write_file(file, std::string(2000, 'X'));

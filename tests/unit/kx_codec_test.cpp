@@ -11,7 +11,11 @@ using namespace std::string_literals;
 
 TEST(KxCodec, KeysRoundTripInTheirDocumentedForm)
 {
-    struct Case { int32_t node; const char *url; const char *key; } cases[] = {
+    struct Case {
+        int32_t node;
+        const char *url;
+        const char *key;
+    } cases[] = {
         {16, "/fe/l3/ecmp", "s_frame.cap_glb_table|16|/fe/l3/ecmp"},
         {-1, "a|b%c", "s_frame.cap_glb_table|-1|a%7Cb%25c"},
         {0, "", "s_frame.cap_glb_table|0|"},
@@ -38,7 +42,11 @@ TEST(KxCodec, KeysRoundTripInTheirDocumentedForm)
 
 TEST(KxCodec, MalformedKeysAndValuesAreErrorsNeverRecords)
 {
-    struct Case { std::string key; const char *why, *field = "int32_value"; std::string value = "1"; };
+    struct Case {
+        std::string key;
+        const char *why, *field = "int32_value";
+        std::string value = "1";
+    };
     const Case cases[] = {
         {"s_frame.cap_glb_table", "too few index parts"},
         {"s_frame.cap_glb_table|16|/a|b", "too many index parts"},

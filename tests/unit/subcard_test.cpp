@@ -23,7 +23,8 @@ protected:
         for (const char *node : {"18", "19"}) {
             kxd::put_raw(3, std::string("p_libpub.cap_subcard_table|") + node + "|/a",
                          {{"int32_value", node}, {"pri", "4"}});
-            kxd::put_raw(28, std::string("s_frame.cap_subcard_glb_table|19|/") + node, {{"int32_value", "19"}});
+            kxd::put_raw(28, std::string("s_frame.cap_subcard_glb_table|19|/") + node,
+                         {{"int32_value", "19"}});
         }
         kxd::put_raw(3, "p_libpub.cap_subcard_table|18|/b", {{"str_value", "s"}});
         kxd::put_raw(28, "s_frame.cap_subcard_ready|19", {{"ready", "true"}});
@@ -38,7 +39,9 @@ protected:
         state_.index = &index_;
         state_.is_preinstall = preinstall;
         kx_mom_hash_res res{&state_, nullptr, 0, 0, nullptr, 0};
-        kx_mom_msg m{3, nullptr, cmd, cmd == KX_MOM_CMD_DEL ? static_cast<void *>(&state_) : &res, nullptr, 0};
+        kx_mom_msg m{3,       nullptr,
+                     cmd,     cmd == KX_MOM_CMD_DEL ? static_cast<void *>(&state_) : &res,
+                     nullptr, 0};
         return vek_cap_sub_card_ready_pmsg_f(g_vek_cap_global, &m, nullptr);
     }
     PLibpub__CapSubcardStateIndex index_ = P_LIBPUB__CAP_SUBCARD_STATE_INDEX__INIT;
@@ -64,18 +67,36 @@ TEST_F(Subcard, PublicationWritesOnlyThisSubcardsEntriesThenItsReadyRecord)
                         "kx_mom_hmset_sync 28 s_frame.cap_subcard_glb_table|18|/a [7]",
                         "kx_mom_hmset_sync 28 s_frame.cap_subcard_glb_table|18|/b [8]"},
                 ready = {"kx_mom_hmset_sync 28 s_frame.cap_subcard_ready|18 [6]"};
-    struct Case { int32_t cmd; bool preinstall; kxd::Fault fault; Lines calls; Lines errors; };
+    struct Case {
+        int32_t cmd;
+        bool preinstall;
+        kxd::Fault fault;
+        Lines calls;
+        Lines errors;
+    };
     const Case cases[] = {
         {4, false, {}, with(copy, ready), {}},
         {6, false, {}, with(copy, ready), {}},
-        {4, true, {}, {}, {E + "vek_cap_sub_card_ready_pro: node 18 state is preinstall, just return"}},
-        {4, false, {"kx_mom_scan_sync", KX_MOM_EIO}, with({copy[0]}, ready),
+        {4,
+         true,
+         {},
+         {},
+         {E + "vek_cap_sub_card_ready_pro: node 18 state is preinstall, just return"}},
+        {4,
+         false,
+         {"kx_mom_scan_sync", KX_MOM_EIO},
+         with({copy[0]}, ready),
          {E + "vek_cap_write_glb_sub_card_table: failed,rv -1002"}},
-        {4, false, {"kx_mom_hmset_sync", KX_MOM_ESERVER, 3}, with(copy, ready),
-         {E + "vek_cap_set_subcard_state: vek_cap_set_subcard_state, node 18, ready=1 failed rv: -1006"}},
+        {4,
+         false,
+         {"kx_mom_hmset_sync", KX_MOM_ESERVER, 3},
+         with(copy, ready),
+         {E + "vek_cap_set_subcard_state: vek_cap_set_subcard_state, node 18, ready=1 failed rv: "
+              "-1006"}},
     };
     for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << "cmd " << c.cmd << (c.preinstall ? " preinstall " : " ") << c.fault.call);
+        SCOPED_TRACE(testing::Message()
+                     << "cmd " << c.cmd << (c.preinstall ? " preinstall " : " ") << c.fault.call);
         SetUp();
         kxd::inject(c.fault);
         EXPECT_EQ(deliver(c.cmd, c.preinstall), 0);
@@ -96,13 +117,19 @@ TEST_F(Subcard, PublicationWritesOnlyThisSubcardsEntriesThenItsReadyRecord)
 // entries; a failed deletion of the ready record does not stop the entries going.
 TEST_F(Subcard, WithdrawalDeletesTheReadyRecordThenOnlyThisSubcardsEntries)
 {
-    const Lines del = {"kx_mom_del_sync 28 s_frame.cap_subcard_ready|18", "kx_mom_scan_sync 28 s_frame.cap_subcard_glb_table|*",
+    const Lines del = {"kx_mom_del_sync 28 s_frame.cap_subcard_ready|18",
+                       "kx_mom_scan_sync 28 s_frame.cap_subcard_glb_table|*",
                        "kx_mom_del_sync 28 s_frame.cap_subcard_glb_table|18|/a",
                        "kx_mom_del_sync 28 s_frame.cap_subcard_glb_table|18|/b"};
-    struct Case { kxd::Fault fault; Lines errors; Lines after; };
+    struct Case {
+        kxd::Fault fault;
+        Lines errors;
+        Lines after;
+    };
     const Case cases[] = {
         {{}, {}, before_},
-        {{"kx_mom_del_sync", KX_MOM_ENOTCONN}, {E + "vek_cap_del_subcard_ready: del scard_nodeid 0x12 state failed"},
+        {{"kx_mom_del_sync", KX_MOM_ENOTCONN},
+         {E + "vek_cap_del_subcard_ready: del scard_nodeid 0x12 state failed"},
          with(before_, {published_[2]})},
     };
     for (const Case &c : cases) {
@@ -126,8 +153,9 @@ TEST_F(Subcard, ResynchronisationPublishesEverySubcardFound)
     kxd::put_raw(3, "p_libpub.cap_subcard_state|20|7", {{"is_preinstall", "true"}});
     kx_mom_msg m{3, nullptr, KX_MOM_CMD_SUBSCRIBED, nullptr, nullptr, 0};
     EXPECT_EQ(vek_cap_sub_card_ready_pmsg_f(g_vek_cap_global, &m, nullptr), 0);
-    EXPECT_EQ(kxd::contents(28), with(before_, {published_[0], published_[1], published_[2],
-                                                 "s_frame.cap_subcard_glb_table|19|/a int32_value=19"}));
+    EXPECT_EQ(kxd::contents(28),
+              with(before_, {published_[0], published_[1], published_[2],
+                             "s_frame.cap_subcard_glb_table|19|/a int32_value=19"}));
     kxd::inject({"kx_mom_scan_sync", KX_MOM_ENOTCONN});
     EXPECT_EQ(vek_cap_sub_card_ready_pmsg_f(g_vek_cap_global, &m, nullptr), KX_MOM_ENOTCONN);
     EXPECT_EQ(kxd::log_briefs().back(), E + "vek_cap_sub_card_ready_pmsg_f: failed,rv -1001");
@@ -144,27 +172,90 @@ TEST_F(Subcard, MalformedDeliveriesAreRefusedWithTheirLine)
     other.index = &other_idx;
     SFrame__CapSubcardGlbTable no_glb_index = S_FRAME__CAP_SUBCARD_GLB_TABLE__INIT;
     int32_t tags[] = {7}, node = 18;
-    kx_mom_hash_res unindexed{&no_index, nullptr, 0, 0, nullptr, 0}, empty{}, other_entry{&other, tags, 1, 0, nullptr, 0},
+    kx_mom_hash_res unindexed{&no_index, nullptr, 0, 0, nullptr, 0}, empty{},
+        other_entry{&other, tags, 1, 0, nullptr, 0},
         glb_unindexed{&no_glb_index, nullptr, 0, 0, nullptr, 0};
     using Cb = int32_t (*)(kx_global_t *, kx_mom_msg *, void *);
     const std::string h = "vek_cap_sub_card_ready_pmsg_f: ", c = "subcard_glb_key_trace_url: ",
-                      d = "vek_cap_del_subcard_table_cb: ", W = "WARN app/vek_cap/vek_cap ", I = "INFO app/vek_cap/vek_cap ";
-    struct Case { Cb cb; int32_t cmd; void *data; void *priv; int32_t rc; Lines log; };
+                      d = "vek_cap_del_subcard_table_cb: ", W = "WARN app/vek_cap/vek_cap ",
+                      I = "INFO app/vek_cap/vek_cap ";
+    struct Case {
+        Cb cb;
+        int32_t cmd;
+        void *data;
+        void *priv;
+        int32_t rc;
+        Lines log;
+    };
     const Case cases[] = {
         {vek_cap_sub_card_ready_pmsg_f, 5, nullptr, nullptr, 0, {I + h + "pmsg->cmd 5"}},
-        {vek_cap_sub_card_ready_pmsg_f, 4, nullptr, nullptr, -21, {W + h + "enter, T", E + h + "result NULL"}},
-        {vek_cap_sub_card_ready_pmsg_f, 6, &empty, nullptr, 0, {W + h + "enter, T", W + h + "state NULL, just return"}},
-        {vek_cap_sub_card_ready_pmsg_f, 4, &unindexed, nullptr, -4,
+        {vek_cap_sub_card_ready_pmsg_f,
+         4,
+         nullptr,
+         nullptr,
+         -21,
+         {W + h + "enter, T", E + h + "result NULL"}},
+        {vek_cap_sub_card_ready_pmsg_f,
+         6,
+         &empty,
+         nullptr,
+         0,
+         {W + h + "enter, T", W + h + "state NULL, just return"}},
+        {vek_cap_sub_card_ready_pmsg_f,
+         4,
+         &unindexed,
+         nullptr,
+         -4,
          {W + h + "enter, T", E + h + "state->index NULL pointer, addr error!\n"}},
-        {vek_cap_sub_card_ready_pmsg_f, 3, nullptr, nullptr, 0, {W + h + "state NULL, just return"}},
-        {subcard_glb_key_trace_url, 4, &other_entry, &node, 0, {W + c + "tmp_nodeid = 18", I + c + "nodeid 19 != tmp_nodeid18"}},
-        {subcard_glb_key_trace_url, 4, &other_entry, nullptr, -4, {E + c + "privdata NULL pointer, addr error!\n"}},
-        {subcard_glb_key_trace_url, 3, &other_entry, &node, 0, {W + c + "tmp_nodeid = 18", I + c + "msg->cmd 3"}},
-        {vek_cap_del_subcard_table_cb, 4, &empty, nullptr, -4, {E + d + "privdata NULL pointer, addr error!\n"}},
+        {vek_cap_sub_card_ready_pmsg_f,
+         3,
+         nullptr,
+         nullptr,
+         0,
+         {W + h + "state NULL, just return"}},
+        {subcard_glb_key_trace_url,
+         4,
+         &other_entry,
+         &node,
+         0,
+         {W + c + "tmp_nodeid = 18", I + c + "nodeid 19 != tmp_nodeid18"}},
+        {subcard_glb_key_trace_url,
+         4,
+         &other_entry,
+         nullptr,
+         -4,
+         {E + c + "privdata NULL pointer, addr error!\n"}},
+        {subcard_glb_key_trace_url,
+         3,
+         &other_entry,
+         &node,
+         0,
+         {W + c + "tmp_nodeid = 18", I + c + "msg->cmd 3"}},
+        {vek_cap_del_subcard_table_cb,
+         4,
+         &empty,
+         nullptr,
+         -4,
+         {E + d + "privdata NULL pointer, addr error!\n"}},
         {vek_cap_del_subcard_table_cb, 29, nullptr, &node, 0, {}},
-        {vek_cap_del_subcard_table_cb, 4, nullptr, &node, -4, {E + d + "res NULL pointer, addr error!\n"}},
-        {vek_cap_del_subcard_table_cb, 6, &empty, &node, -4, {E + d + "table_info NULL pointer, addr error!\n"}},
-        {vek_cap_del_subcard_table_cb, 4, &glb_unindexed, &node, -4, {E + d + "table_info->index NULL pointer, addr error!\n"}},
+        {vek_cap_del_subcard_table_cb,
+         4,
+         nullptr,
+         &node,
+         -4,
+         {E + d + "res NULL pointer, addr error!\n"}},
+        {vek_cap_del_subcard_table_cb,
+         6,
+         &empty,
+         &node,
+         -4,
+         {E + d + "table_info NULL pointer, addr error!\n"}},
+        {vek_cap_del_subcard_table_cb,
+         4,
+         &glb_unindexed,
+         &node,
+         -4,
+         {E + d + "table_info->index NULL pointer, addr error!\n"}},
     };
     for (const Case &k : cases) {
         SCOPED_TRACE(k.log.empty() ? "nothing" : k.log.back());
