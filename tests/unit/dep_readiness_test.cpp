@@ -65,33 +65,21 @@ TEST_F(DepReadiness, EachDeliveryIsAppliedOrRefused)
         int32_t rc;
         std::vector<std::string> log;
     };
+    // clang-format off
     const Case cases[] = {
         {29, nullptr, {}, 0, {subscribed}},
-        {29,
-         nullptr,
-         {"kx_mom_hgetall_sync", 0, 1, kxd::Fail::Null},
-         -21,
+        {29, nullptr, {"kx_mom_hgetall_sync", 0, 1, kxd::Fail::Null}, -21,
          {subscribed, pro + "result NULL", failed + "-21"}},
-        {29,
-         nullptr,
-         {"kx_mom_hgetall_sync", -1003},
-         -21,
-         {subscribed, pro + "result error_code -1003", failed + "-21"}},
-        {29,
-         nullptr,
-         {"kx_mom_hgetall_sync", -1002, 1, kxd::Fail::WithObject},
-         -21,
+        {29, nullptr, {"kx_mom_hgetall_sync", -1002, 1, kxd::Fail::WithObject}, -21,
          {subscribed, pro + "result error_code -1002", failed + "-21"}},
         {4, &ready, {}, 0, {changed}},
         {7, &ready, {}, 0, {}},       // not a cmd of this subscription: nothing changes
         {4, &none, {}, 0, {changed}}, // the module has not written its record yet
         {6, nullptr, {}, -21, {changed, pro + "result NULL", failed + "-21"}},
-        {4,
-         &without_index,
-         {},
-         -4,
+        {4, &without_index, {}, -4,
          {changed, pro + "dep->index NULL pointer, addr error!\n", failed + "-4"}},
     };
+    // clang-format on
     for (const Case &c : cases) {
         SCOPED_TRACE(testing::Message() << "cmd " << c.cmd << " " << c.read.call << " " << c.rc);
         item_of("A")->ready = 0;
@@ -129,11 +117,12 @@ TEST_F(DepReadiness, RecordsApplyUntilEveryModuleIsReadyThenLatch)
         const char *after;
         bool latched;
     };
-    const Step steps[] = {
-        {"A", true, "100-", false}, {"A", false, "000-", false}, // not ready again
-        {"A", true, "100-", false}, {"X", false, "1000", false}, // a module added
-        {"X", true, "1001", false}, {"B", true, "1101", false},
-        {"C", true, "1111", false}, {"A", false, "1111", true}}; // the last one, then latched
+    // clang-format off
+    const Step steps[] = {{"A", true, "100-", false}, {"A", false, "000-", false}, // not ready
+                          {"A", true, "100-", false}, {"X", false, "1000", false}, // X added
+                          {"X", true, "1001", false}, {"B", true, "1101", false},
+                          {"C", true, "1111", false}, {"A", false, "1111", true}}; // latched
+    // clang-format on
     for (const Step &step : steps) {
         SCOPED_TRACE(std::string(step.module) + (step.ready ? " ready" : " not ready"));
         kxd::clear();

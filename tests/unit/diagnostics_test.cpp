@@ -50,36 +50,28 @@ const std::string k_dep_banner = "\r\n==============dump dep mod================
 
 TEST_F(Diagnostics, EveryDumpPrintsItsTextExactly)
 {
-    const std::string
-        status_before = "g_vek_local_ready, 0\ng_vek_global_ready, 0\n",
-        card_before =
-            "devid 0, slotid 0, sslotid 0, node 0xffffffff, config_dev_type 0, node_type 0\n",
-        time_before =
-            k_banner +
+    // clang-format off
+    const std::string status_before = "g_vek_local_ready, 0\ng_vek_global_ready, 0\n",
+        card_before = "devid 0, slotid 0, sslotid 0, node 0xffffffff, config_dev_type 0, "
+                      "node_type 0\n",
+        time_before = k_banner +
             "vek_cap run 0:0\r\nsubscribe dev info ok 0:0\r\nrecv dev info 0:0\r\n"
             "subscribe chss info ok 0:0\r\nrecv chss info 0:0\r\nsubscribe local ready ok 0:0\r\n"
             "recv local redy 0:0\r\ncopy cap start 0:0\r\ncopy cap end 0:0\r\n"
-            "g_vek_cap_sub_last_dep_mod 0:0\r\ng_vek_cap_recv_last_dep_mod 0:0\r\n" +
-            k_banner;
-    const std::string
-        status_after = "g_vek_local_ready, 1\ng_vek_global_ready, 1\n",
-        card_after =
-            "devid 7, slotid 3, sslotid 1, node 0x00000010, config_dev_type 5, node_type 4\n",
+            "g_vek_cap_sub_last_dep_mod 0:0\r\ng_vek_cap_recv_last_dep_mod 0:0\r\n" + k_banner;
+    const std::string status_after = "g_vek_local_ready, 1\ng_vek_global_ready, 1\n",
+        card_after = "devid 7, slotid 3, sslotid 1, node 0x00000010, config_dev_type 5, "
+                     "node_type 4\n",
         time_after = k_banner +
-                     "vek_cap run 1:2\r\nsubscribe dev info ok 3:4\r\nrecv dev info 5:6\r\n"
-                     "subscribe chss info ok 7:8\r\nrecv chss info 9:10\r\nsubscribe local ready "
-                     "ok 11:12\r\n"
-                     "recv local redy 13:14\r\ncopy cap start 0:0\r\ncopy cap end 0:0\r\n"
-                     "g_vek_cap_sub_last_dep_mod 15:16\r\ng_vek_cap_recv_last_dep_mod "
-                     "4294967295:999999\r\n" +
-                     k_banner;
+            "vek_cap run 1:2\r\nsubscribe dev info ok 3:4\r\nrecv dev info 5:6\r\n"
+            "subscribe chss info ok 7:8\r\nrecv chss info 9:10\r\n"
+            "subscribe local ready ok 11:12\r\nrecv local redy 13:14\r\n"
+            "copy cap start 0:0\r\ncopy cap end 0:0\r\ng_vek_cap_sub_last_dep_mod 15:16\r\n"
+            "g_vek_cap_recv_last_dep_mod 4294967295:999999\r\n" + k_banner;
     // Both names hash to bucket 1 of 4: fib_mgr, inserted first, keeps it.
     const std::string deps_after =
         k_dep_banner + "module:fib_mgr, ready 1\r\nmodule:acl_mgr, ready 0\r\n";
-    struct Case {
-        const char *cmd;
-        std::string before, after;
-    };
+    struct Case { const char *cmd; std::string before, after; };
     const Case cases[] = {
         {"dump_status", status_before, status_after},
         {"dump_card_info", card_before, card_after},
@@ -88,6 +80,7 @@ TEST_F(Diagnostics, EveryDumpPrintsItsTextExactly)
         {"dump_all", status_before + card_before + time_before + k_dep_banner,
          status_after + card_after + time_after + deps_after},
     };
+    // clang-format on
     for (const Case &c : cases)
         EXPECT_EQ(output(c.cmd), c.before) << c.cmd;
     fill();
@@ -101,34 +94,18 @@ TEST_F(Diagnostics, EveryDumpPrintsItsTextExactly)
 // The module's record is written and the outcome printed without a line ending.
 TEST_F(Diagnostics, SetDepModWritesTheRecordAndSaysHowItWent)
 {
-    struct Case {
-        const char *name;
-        int32_t ready;
-        int32_t fault;
-        std::string out, write;
-        Lines log;
-    };
+    const std::string dep = "kx_mom_hmset_sync 3 s_frame.cap_dep|";
+    // clang-format off
+    struct Case { const char *name; int32_t ready, fault; std::string out, write; Lines log; };
     const Case cases[] = {
-        {"x", 5, 0, "set dep mod x ready true ok", "kx_mom_hmset_sync 3 s_frame.cap_dep|x [6]", {}},
-        {"x",
-         0,
-         0,
-         "set dep mod x ready false ok",
-         "kx_mom_hmset_sync 3 s_frame.cap_dep|x [6]",
-         {}},
-        {"fib_mgr",
-         -1,
-         KX_MOM_ENOTCONN,
-         "set dep mod fib_mgr ready true failed",
-         "kx_mom_hmset_sync 3 s_frame.cap_dep|fib_mgr [6]",
-         {}},
-        {nullptr,
-         1,
-         0,
-         "",
-         "",
+        {"x", 5, 0, "set dep mod x ready true ok", dep + "x [6]", {}},
+        {"x", 0, 0, "set dep mod x ready false ok", dep + "x [6]", {}},
+        {"fib_mgr", -1, KX_MOM_ENOTCONN, "set dep mod fib_mgr ready true failed",
+         dep + "fib_mgr [6]", {}},
+        {nullptr, 1, 0, "", "",
          {"ERROR app/vek_cap/vek_cap_dbg vek_cap_set_dep_mod: mod NULL pointer, addr error!\n"}},
     };
+    // clang-format on
     for (const Case &c : cases) {
         SCOPED_TRACE(c.out);
         kxd::clear();

@@ -11,36 +11,22 @@
 namespace {
 
 // The calls of a start-up with one dependency module and no marker file.
-const std::vector<std::string> k_startup = {"kx_initframe_duplicate_check",
-                                            "kx_zlog_init vek_cap",
-                                            "kx_monotime",
-                                            "kx_global_init vek_cap",
-                                            "ssat_lib_init vek_cap",
-                                            "ssat_reg_mod_cmd vek_cap log-level %d",
-                                            "ssat_reg_mod_cmd vek_cap show_time void",
-                                            "ssat_reg_mod_cmd vek_cap dump_card_info void",
-                                            "ssat_reg_mod_cmd vek_cap dump_status void",
-                                            "ssat_reg_mod_cmd vek_cap dump_all void",
-                                            "ssat_reg_mod_cmd vek_cap collect void",
-                                            "ssat_reg_mod_cmd vek_cap dump_dep_mod void",
-                                            "ssat_reg_mod_cmd vek_cap set_dep_mod %s %d",
-                                            "reg_process_exit_action 0 2",
-                                            "kx_mom_client_connect_sync 3",
-                                            "kx_mom_client_connect_sync 1",
-                                            "kx_mom_client_connect_sync 28",
-                                            "kx_mom_subscribe 3 s_frame.cap_dep|fib_mgr",
-                                            "kx_mom_subscribe 3 p_libpub.cap_state",
-                                            "kx_mom_subscribe 3 p_libpub.cap_subcard_state|*",
-                                            "kx_mom_subscribe 1 p_dev.dp_lib_my_info",
-                                            "kx_mom_subscribe 1 p_dev.dp_lib_my_chss_info",
-                                            "kx_mom_client_set_disconnect_cb 3",
-                                            "kx_mom_client_set_disconnect_cb 1",
-                                            "kx_mom_client_set_disconnect_cb 28",
-                                            "kx_mom_client_set_reconnect_cb 3",
-                                            "kx_mom_client_set_reconnect_cb 1",
-                                            "kx_mom_client_set_reconnect_cb 28",
-                                            "kx_global_run",
-                                            "kx_global_finish"};
+// clang-format off
+const std::vector<std::string> k_startup = {
+    "kx_initframe_duplicate_check", "kx_zlog_init vek_cap", "kx_monotime", "kx_global_init vek_cap",
+    "ssat_lib_init vek_cap", "ssat_reg_mod_cmd vek_cap log-level %d",
+    "ssat_reg_mod_cmd vek_cap show_time void", "ssat_reg_mod_cmd vek_cap dump_card_info void",
+    "ssat_reg_mod_cmd vek_cap dump_status void", "ssat_reg_mod_cmd vek_cap dump_all void",
+    "ssat_reg_mod_cmd vek_cap collect void", "ssat_reg_mod_cmd vek_cap dump_dep_mod void",
+    "ssat_reg_mod_cmd vek_cap set_dep_mod %s %d", "reg_process_exit_action 0 2",
+    "kx_mom_client_connect_sync 3", "kx_mom_client_connect_sync 1", "kx_mom_client_connect_sync 28",
+    "kx_mom_subscribe 3 s_frame.cap_dep|fib_mgr", "kx_mom_subscribe 3 p_libpub.cap_state",
+    "kx_mom_subscribe 3 p_libpub.cap_subcard_state|*", "kx_mom_subscribe 1 p_dev.dp_lib_my_info",
+    "kx_mom_subscribe 1 p_dev.dp_lib_my_chss_info", "kx_mom_client_set_disconnect_cb 3",
+    "kx_mom_client_set_disconnect_cb 1", "kx_mom_client_set_disconnect_cb 28",
+    "kx_mom_client_set_reconnect_cb 3", "kx_mom_client_set_reconnect_cb 1",
+    "kx_mom_client_set_reconnect_cb 28", "kx_global_run", "kx_global_finish"};
+// clang-format on
 
 // k_startup up to `last`, without the calls `skipped`.
 std::vector<std::string> startup(const std::string &last,
@@ -74,6 +60,7 @@ TEST_F(Startup, EachFailureStopsAtItsStepWithItsCode)
         "vek_cap_dp_my_chss_info_pmsg_f: CHSS INFO subscribe ok, 12:34",
         "vek_cap_dp_my_chss_info_pro: chss_info NULL pointer, addr error!\n",
         "vek_cap_dp_my_chss_info_pmsg_f: failed,rv -4"};
+    // clang-format off
     struct Case {
         void (*arrange)();
         int rc;
@@ -84,80 +71,40 @@ TEST_F(Startup, EachFailureStopsAtItsStepWithItsCode)
     };
     const Case cases[] = {
         {[] {}, 0, k_startup, 3, confirmed},
-        {[] {
-             kxd::inject({"kx_initframe_duplicate_check", -11});
-         },
-         -1,
-         {"kx_initframe_duplicate_check"},
-         0,
-         {},
-         "tolvex, ret=-11, FAIL\r\n"},
-        {[] { kxd::inject({.call = "kx_global_init", .how = kxd::Fail::Null}); },
-         -11,
-         startup("kx_global_init vek_cap"),
-         0,
-         {"main: g_vek_cap_global init failed"}},
-        {[] {
-             kxd::inject({"reg_process_exit_action", -7});
-         },
-         -7,
-         startup("reg_process_exit_action 0 2"),
-         0,
+        {[] { kxd::inject({"kx_initframe_duplicate_check", -11}); }, -1,
+         {"kx_initframe_duplicate_check"}, 0, {}, "tolvex, ret=-11, FAIL\r\n"},
+        {[] { kxd::inject({.call = "kx_global_init", .how = kxd::Fail::Null}); }, -11,
+         startup("kx_global_init vek_cap"), 0, {"main: g_vek_cap_global init failed"}},
+        {[] { kxd::inject({"reg_process_exit_action", -7}); }, -7,
+         startup("reg_process_exit_action 0 2"), 0,
          {"vek_cap_indep_init: init ham fail", "main: vek_cap_indep_init failed rv -7"}},
-        {[] { g_vek_cap_dep_alloc.calloc_f = no_memory; },
-         -1,
-         startup("reg_process_exit_action 0 2"),
-         0,
+        {[] { g_vek_cap_dep_alloc.calloc_f = no_memory; }, -1,
+         startup("reg_process_exit_action 0 2"), 0,
          {"vek_cap_indep_init: vek_cap_dep hash init failed rv = -1",
           "main: vek_cap_indep_init failed rv -1"}},
         // Without the dependency directory start-up goes on, here to a failing connect.
         {[] {
              kxd::set_root(kx_root_path("/elsewhere"));
              kxd::inject({"kx_mom_client_connect_sync", -1001, 1});
-         },
-         -1001,
-         startup("kx_mom_client_connect_sync 3"),
-         0,
+         }, -1001, startup("kx_mom_client_connect_sync 3"), 0,
          {"vek_cap_collect_dep_event: pdir NULL pointer, addr error!\n",
           "main: connect host failed, rv -1001"}},
-        {[] {
-             kxd::inject({"kx_mom_client_connect_sync", -1001, 2});
-         },
-         -1001,
-         startup("kx_mom_client_connect_sync 1"),
-         1,
-         {"main: connect tunner_db failed, rv -1001"}},
-        {[] {
-             kxd::inject({"kx_mom_client_connect_sync", -1002, 3});
-         },
-         -1002,
-         startup("kx_mom_client_connect_sync 28"),
-         2,
-         {"main: connect ce_global failed, rv -1002"}},
+        {[] { kxd::inject({"kx_mom_client_connect_sync", -1001, 2}); }, -1001,
+         startup("kx_mom_client_connect_sync 1"), 1, {"main: connect tunner_db failed, rv -1001"}},
+        {[] { kxd::inject({"kx_mom_client_connect_sync", -1002, 3}); }, -1002,
+         startup("kx_mom_client_connect_sync 28"), 2, {"main: connect ce_global failed, rv -1002"}},
         // A failed subscription leaves out the later ones of its step, nothing else.
-        {[] {
-             kxd::inject({"kx_mom_subscribe", -4, 3});
-         },
-         0,
+        {[] { kxd::inject({"kx_mom_subscribe", -4, 3}); }, 0,
          startup("kx_global_finish", {"kx_mom_subscribe 1 p_dev.dp_lib_my_info",
                                       "kx_mom_subscribe 1 p_dev.dp_lib_my_chss_info"}),
-         3,
-         {"vek_cap_db_validate_host: failed,rv -4", confirmed[0], confirmed[1]}},
-        {[] {
-             kxd::inject({"kx_mom_client_set_disconnect_cb", -5, 2});
-         },
-         -5,
-         startup("kx_mom_client_set_disconnect_cb 1"),
-         3,
+         3, {"vek_cap_db_validate_host: failed,rv -4", confirmed[0], confirmed[1]}},
+        {[] { kxd::inject({"kx_mom_client_set_disconnect_cb", -5, 2}); }, -5,
+         startup("kx_mom_client_set_disconnect_cb 1"), 3,
          {"vek_cap_client_set_disconnect_cb: kx_mom_client_set_disconnect_cb" + cb_failed +
               "1 failed, rv -5",
           "main: failed,rv -5"}},
-        {[] {
-             kxd::inject({"kx_mom_client_set_reconnect_cb", -6, 3});
-         },
-         -6,
-         startup("kx_mom_client_set_reconnect_cb 28"),
-         3,
+        {[] { kxd::inject({"kx_mom_client_set_reconnect_cb", -6, 3}); }, -6,
+         startup("kx_mom_client_set_reconnect_cb 28"), 3,
          {"vek_cap_client_set_reconnect_cb: kx_mom_client_set_reconnect_cb" + cb_failed +
               "28 failed, rv -6",
           "main: failed,rv -6"}},
@@ -165,6 +112,7 @@ TEST_F(Startup, EachFailureStopsAtItsStepWithItsCode)
         {[] { testsupport::write_file(kx_root_path("/var/run/vek_cap_ham.txt"), ""); }, 0,
          startup("kx_global_finish", {"reg_process_exit_action 0 2"}), 3, confirmed},
     };
+    // clang-format on
     const std::string db_names[] = {"host", "tunner_db", "cap_db"};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.calls.back() + " " + std::to_string(c.rc));
