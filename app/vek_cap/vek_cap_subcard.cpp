@@ -161,6 +161,7 @@ int32_t vek_cap_sub_card_ready_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, voi
         VEK_CAP_ERR("pmsg NULL pointer, addr error!\n");
         return -4;
     }
+    const PLibpub__CapSubcardState *state = nullptr;
     switch (pmsg->cmd) {
     case KX_MOM_CMD_SUBSCRIBED: {
         vek_cap_wall_time(&g_vek_cap_subcard_sub_time);
@@ -186,33 +187,27 @@ int32_t vek_cap_sub_card_ready_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, voi
             VEK_CAP_ERR("result NULL");
             return -21;
         }
-        const auto *state = static_cast<const PLibpub__CapSubcardState *>(res->obj);
-        if (!state) {
-            VEK_CAP_WARN("state NULL, just return");
-            return 0;
-        }
-        if (!state->index) {
-            VEK_CAP_ERR("state->index NULL pointer, addr error!\n");
-            return -4;
-        }
-        vek_cap_sub_card_ready_pro(state);
-        return 0;
+        state = static_cast<const PLibpub__CapSubcardState *>(res->obj);
+        break;
     }
-    case KX_MOM_CMD_DEL: {
-        const auto *state = static_cast<const PLibpub__CapSubcardState *>(pmsg->data);
-        if (!state) {
-            VEK_CAP_WARN("state NULL, just return");
-            return 0;
-        }
-        if (!state->index) {
-            VEK_CAP_ERR("state->index NULL pointer, addr error!\n");
-            return -4;
-        }
-        vek_cap_subcard_del_pro(state);
-        return 0;
-    }
+    case KX_MOM_CMD_DEL: // the deleted record itself
+        state = static_cast<const PLibpub__CapSubcardState *>(pmsg->data);
+        break;
     default:
         VEK_CAP_INFO("pmsg->cmd %d", pmsg->cmd);
         return 0;
     }
+    if (!state) {
+        VEK_CAP_WARN("state NULL, just return");
+        return 0;
+    }
+    if (!state->index) {
+        VEK_CAP_ERR("state->index NULL pointer, addr error!\n");
+        return -4;
+    }
+    if (pmsg->cmd == KX_MOM_CMD_DEL)
+        vek_cap_subcard_del_pro(state);
+    else
+        vek_cap_sub_card_ready_pro(state);
+    return 0;
 }
