@@ -121,7 +121,9 @@ std::vector<std::string> RedisServer::dump(int db) const
     std::istringstream text(
         cli(db, {"EVAL",
                  "local out = {} for _, k in ipairs(redis.call('KEYS', '*')) do local line = k "
-                 "if redis.call('TYPE', k).ok == 'hash' then local h = redis.call('HGETALL', k) "
+                 "local t = redis.call('TYPE', k).ok if t == 'string' then line = line .. "
+                 "' value=' .. redis.call('GET', k) elseif t == 'hash' then "
+                 "local h = redis.call('HGETALL', k) "
                  "for i = 1, #h, 2 do line = line .. ' ' .. h[i] .. '=' .. h[i + 1] end end "
                  "out[#out + 1] = line end table.sort(out) return out",
                  "0"}));

@@ -75,7 +75,7 @@ public:
     // redis-cli -s <socket> -n <db> args...; its standard output without the last newline.
     std::string cli(int db, const std::vector<std::string> &args) const;
     // Every key of `db`, sorted, as "KEY field=value ..." (hash fields in the server's
-    // order; a key of another type alone).
+    // order; a string as its one field "value"; a key of another type alone).
     std::vector<std::string> dump(int db) const;
     void restart() { start(); } // a new run: its run_id differs
 
