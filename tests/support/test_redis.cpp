@@ -1,5 +1,6 @@
 #include "test_redis.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -125,11 +126,12 @@ std::vector<std::string> RedisServer::dump(int db) const
                  "' value=' .. redis.call('GET', k) elseif t == 'hash' then "
                  "local h = redis.call('HGETALL', k) "
                  "for i = 1, #h, 2 do line = line .. ' ' .. h[i] .. '=' .. h[i + 1] end end "
-                 "out[#out + 1] = line end table.sort(out) return out",
+                 "out[#out + 1] = line end return out",
                  "0"}));
     std::vector<std::string> lines;
     for (std::string line; std::getline(text, line);)
         lines.push_back(line);
+    std::ranges::sort(lines); // bytewise, whatever the server's locale
     return lines;
 }
 
