@@ -8,7 +8,7 @@
 #include <numeric>
 #include <set>
 
-#include "kx_codec.h"
+#include "record_text.h"
 #include "s_frame.pb-c.h"
 #ifdef KX_PARITY_DOUBLE
 #include "kx_double.h"
@@ -18,7 +18,7 @@
 
 namespace {
 
-using Fields = std::vector<std::pair<std::string, std::string>>;
+using testsupport::describe, testsupport::Fields, testsupport::record;
 
 #ifdef KX_PARITY_DOUBLE
 struct Backend {
@@ -50,44 +50,6 @@ struct Backend {
     kx_global_t *g = kx_global_init("kx_parity", nullptr);
 };
 #endif
-
-// A record of the table its key names, these fields set from their text.
-kx::Message record(const std::string &key, const Fields &fields = {})
-{
-    std::string error;
-    const char *why = "";
-    kx::Message rec(kx::parse_key(kx::table_of_key(key), key, &error));
-    for (const auto &[name, text] : fields)
-        kx::set_field(
-            rec.get(),
-            protobuf_c_message_descriptor_get_field_by_name(rec->descriptor, name.c_str()), text,
-            &why);
-    return rec;
-}
-
-// A record: its key, then every field but the index, or the fields `tags` lists in its
-// order.
-std::string describe(const void *obj, const int32_t *tags = nullptr, int32_t n = 0)
-{
-    const auto *msg = static_cast<const ProtobufCMessage *>(obj);
-    std::string out = msg ? kx::record_key(msg) : "no record";
-    for (int32_t i = 0; msg && i < (tags ? n : static_cast<int32_t>(msg->descriptor->n_fields));
-         ++i) {
-        const auto *f = tags ? protobuf_c_message_descriptor_get_field(
-                                   msg->descriptor, static_cast<unsigned>(tags[i]))
-                             : &msg->descriptor->fields[i];
-        if (f != kx::index_field(msg->descriptor))
-            out += " " + std::string(f->name) + "=" + kx::field_text(msg, f);
-    }
-    return out + (msg && msg->n_unknown_fields ? " and unknown fields" : "");
-}
-
-std::string describe(const kx_mom_hash_res *res) // its error, then its record
-{
-    return !res ? "null"
-                : std::to_string(res->error_code) + " " +
-                      describe(res->obj, res->field_tag, res->field_len);
-}
 
 int32_t add_delivery(kx_global_t *, kx_mom_msg *m, void *out)
 {
