@@ -95,8 +95,8 @@ TEST(Kxctl, PrintsWritesAndRefusesAsRedisCliSeesIt)
         Args argv = args;
         argv.insert(argv.begin(), KXCTL_BIN);
         testsupport::RunResult r = testsupport::run(argv, {{"KX_MOM_ADDR", redis.addr()}});
-        EXPECT_EQ(r.status, status) << args[1];
-        EXPECT_EQ(r.out, out) << args[1];
+        EXPECT_EQ(r.status, status) << testing::PrintToString(args);
+        EXPECT_EQ(r.out, out) << testing::PrintToString(args);
         EXPECT_EQ(r.err.substr(std::min(r.err.find("kxctl: "), r.err.size())), // after libkx's
                   err.empty() ? "" : "kxctl: " + err + "\n");
     }
