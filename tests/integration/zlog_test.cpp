@@ -23,28 +23,10 @@ void log(kx_zlog_category_t *cat, int level, const char *text)
     kxdf_zlog(cat, "app/vek_cap/vek_cap.cpp", 19, "vek_cap_indep_init", 18, 212, level, "%s", text);
 }
 
-TEST(Zlog, RecordsAreOneEscapedLineEachFromTheConfiguredLevelUp)
-{
-    TempDir root;
-    setenv("KX_ROOT", root.path().c_str(), 1);
-    unsetenv("KX_LOG");
-    write_file(root / "etc/kx/m.zlog", "# quiet\n\n  level=notice  \n");
-    kx_zlog_category_t *cat = kx_zlog_init("m");
-    ASSERT_NE(cat, nullptr);
-    log(cat, KX_ZLOG_LEVEL_INFO, "below");
-    log(cat, KX_ZLOG_LEVEL_NOTICE, "init ham fail");
-    log(cat, KX_ZLOG_LEVEL_WARN, "one line feed\n");
-    log(cat, KX_ZLOG_LEVEL_FATAL, "a\r\n\tb\x01\n\n");
-    // Each record's time stamp ("2026-11-22 23:01:02.123456 ") read as "T ".
-    const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )");
-    const std::string source =
-        " [" + std::to_string(getpid()) + ":app/vek_cap/vek_cap:vek_cap_indep_init:212] ";
-    EXPECT_EQ(std::regex_replace(read_file(root / "var/log/m.log"), stamp, "T "),
-              "T NOTICE" + source + "init ham fail\nT WARN" + source + "one line feed\nT FATAL" +
-                  source + "a\\r\\n\\tb\\x01\\n\n");
-}
-
-TEST(Zlog, OutputIsKxLogThenTheConfigurationThenTheDefault)
+// The output is KX_LOG, then the configuration's, then the default; a configuration that
+// cannot be used, or an output that cannot be opened, leaves no log. Records are one
+// escaped line each, from the configured level up.
+TEST(Zlog, OutputAndLevelAsConfiguredAndRecordsOneEscapedLineEach)
 {
     TempDir root;
     setenv("KX_ROOT", root.path().c_str(), 1);
@@ -64,6 +46,22 @@ TEST(Zlog, OutputIsKxLogThenTheConfigurationThenTheDefault)
         log(cat, KX_ZLOG_LEVEL_ERROR, written.c_str());
         EXPECT_TRUE(written.empty() || read_file(written).ends_with(written + "\n")) << written;
     }
+
+    write_file(root / "etc/kx/m.zlog", "# quiet\n\n  level=notice  \n");
+    setenv("KX_LOG", (root / "levels.log").c_str(), 1);
+    kx_zlog_category_t *cat = kx_zlog_init("m");
+    ASSERT_NE(cat, nullptr);
+    log(cat, KX_ZLOG_LEVEL_INFO, "below");
+    log(cat, KX_ZLOG_LEVEL_NOTICE, "init ham fail");
+    log(cat, KX_ZLOG_LEVEL_WARN, "one line feed\n");
+    log(cat, KX_ZLOG_LEVEL_FATAL, "a\r\n\tb\x01\n\n");
+    // Each record's time stamp ("2026-11-22 23:01:02.123456 ") read as "T ".
+    const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )");
+    const std::string source =
+        " [" + std::to_string(getpid()) + ":app/vek_cap/vek_cap:vek_cap_indep_init:212] ";
+    EXPECT_EQ(std::regex_replace(read_file(root / "levels.log"), stamp, "T "),
+              "T NOTICE" + source + "init ham fail\nT WARN" + source + "one line feed\nT FATAL" +
+                  source + "a\\r\\n\\tb\\x01\\n\n");
 }
 
 // logrotate moves the log away, then sends SIGHUP: the process lives on and its records
