@@ -166,10 +166,9 @@ void notify(int32_t db, const std::string &key, bool deleted)
 // Every selected record still there when its turn comes (callbacks may delete some).
 void scan(const Subscription &sc)
 {
-    std::vector<std::string> keys;
-    std::ranges::copy_if(s.dbs[sc.db] | std::views::keys, std::back_inserter(keys),
-                         [&](auto &key) { return selects(sc.selection, key); });
-    for (const auto &key : keys)
+    auto selected = s.dbs[sc.db] | std::views::keys |
+                    std::views::filter([&](auto &key) { return selects(sc.selection, key); });
+    for (const auto &key : std::vector<std::string>(selected.begin(), selected.end()))
         deliver_record(sc, key, false);
 }
 
@@ -177,10 +176,8 @@ void scan(const Subscription &sc)
 
 std::vector<std::string> trace(std::string_view prefix)
 {
-    std::vector<std::string> out;
-    std::ranges::copy_if(s.calls, std::back_inserter(out),
-                         [&](auto &c) { return c.starts_with(prefix); });
-    return out;
+    auto match = s.calls | std::views::filter([&](auto &c) { return c.starts_with(prefix); });
+    return {match.begin(), match.end()};
 }
 
 void clear() { s.calls.clear(), s.logs.clear(); }

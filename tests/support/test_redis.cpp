@@ -49,11 +49,7 @@ Process::Process(const std::vector<std::string> &argv, const Env &env, const std
     _exit(127);
 }
 
-Process::~Process()
-{
-    signal(SIGKILL);
-    wait(5s);
-}
+Process::~Process() { signal(SIGKILL), wait(5s); }
 
 bool Process::running()
 {
