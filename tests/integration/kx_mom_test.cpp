@@ -175,48 +175,40 @@ TEST_F(KxMom, EveryKeyspaceEventOfAnotherWriterMapsToItsDelivery)
     }
 }
 
-// Per database, in order: its connection callbacks and its follower's deliveries. The
-// follower reads the record `late` on every delivery, as the daemon catches up; another
-// writer changes it whenever the connection is down.
+// Per database, in order: its connection callbacks and its follower's deliveries.
 std::map<int32_t, Lines> seen;
-std::map<int32_t, int> late_value; // as written last, by database
-std::function<void(int32_t db)> write_late;
-const std::string late = "s_frame.cap_glb_table|0|/late";
 
+// Reads the record "late" on every delivery, as the daemon catches up.
 int32_t follower(kx_global_t *g, kx_mom_msg *m, void *)
 {
-    kx::HashRes res(kx_mom_hgetall_sync(g, m->db, record(late).get()));
+    kx::HashRes res(kx_mom_hgetall_sync(g, m->db, record("s_frame.cap_glb_table|0|/late").get()));
     return seen[m->db].push_back(std::to_string(m->cmd) + " " + m->key + ": " +
                                  describe(res.get())),
            0;
 }
 
+int32_t note_up(kx_global_t *, int32_t db, int32_t type)
+{
+    return seen[db].push_back("up " + std::to_string(type)), 0;
+}
+
 // One disconnect, the right reconnect, then every route of every database confirmed again,
-// once, each reading what was written meanwhile: also the reconnect callback's own route
-// (asked for again, as the daemon does) and one asked for on a connection that broke
-// unnoticed or while the database was down.
+// once, each reading what another writer wrote meanwhile: also the reconnect callback's
+// own route (asked for again, as the daemon does) and one asked for on a connection that
+// broke unnoticed or while the database was down.
 TEST_F(KxMom, LostConnectionsGiveOneDisconnectTheRightReconnectAndEachRouteOnce)
 {
-    write_late = [&](int32_t db) {
-        static int written = 0;
-        late_value[db] = ++written;
-        cli(db, {"HSET", late, "int32_value", std::to_string(late_value[db])});
-    };
-    auto down = [](kx_global_t *, int32_t db) {
-        return seen[db].push_back("down"), write_late(db), 0;
-    };
+    auto down = [](kx_global_t *, int32_t db) { return seen[db].push_back("down"), 0; };
     auto up = [](kx_global_t *g, int32_t db, int32_t t) {
-        seen[db].push_back("up " + std::to_string(t));
+        note_up(g, db, t);
         return kx_mom_subscribe(g, db, record("s_frame.cap_dep|").get(), 0, follower, nullptr);
     };
     std::map<int32_t, Lines> routes; // each database's, in the order asked for
+    std::map<int32_t, std::string> late = {{3, "no record"}, {28, "no record"}}; // as read
     auto confirmations = [&](int32_t db) {
         Lines out;
         for (const std::string &route : routes[db])
-            out.push_back("29 " + route + ": 0 " +
-                          (late_value.count(db)
-                               ? late + " int32_value=" + std::to_string(late_value[db])
-                               : "no record"));
+            out.push_back("29 " + route + ": 0 " + late[db]);
         return out;
     };
     auto follow = [&](int32_t db, const std::string &key) {
@@ -235,11 +227,15 @@ TEST_F(KxMom, LostConnectionsGiveOneDisconnectTheRightReconnectAndEachRouteOnce)
         {28, {"CLIENT", "KILL", "TYPE", "pubsub"}, 2, "s_frame.cap_del_fe_ready|2|2", true},
         {3, {}, 1, "", false}, // the server restarted
     };
+    int round = 0;
     for (const auto &[db, kill, type, key, noticed] : cases) {
         SCOPED_TRACE(db);
         const int32_t other = db == 3 ? 28 : 3;
         seen.clear();
         kill.empty() ? local.restart() : (void)cli(db, kill);
+        const std::string value = std::to_string(++round); // another writer, while it is down
+        cli(db, {"HSET", "s_frame.cap_glb_table|0|/late", "int32_value", value});
+        late[db] = "s_frame.cap_glb_table|0|/late int32_value=" + value;
         ASSERT_TRUE(!noticed || run_until(g, [&] { return !seen[db].empty(); }));
         if (!key.empty())
             follow(db, key);
@@ -328,13 +324,7 @@ TEST_F(KxMom, AStoppedServerHoldsOnlyTheCallThatFindsIt)
     using Clock = std::chrono::steady_clock;
     const std::string info = local.cli(0, {"INFO", "server"});
     const pid_t pid = std::stoi(info.substr(info.find("process_id:") + 11));
-    ASSERT_EQ(kx_mom_client_set_reconnect_cb(
-                  g, 3,
-                  [](kx_global_t *, int32_t, int32_t t) {
-                      return seen[3].push_back("up " + std::to_string(t)), 0;
-                  },
-                  0),
-              0);
+    ASSERT_EQ(kx_mom_client_set_reconnect_cb(g, 3, note_up, 0), 0);
     seen.clear();
     const kx::Message key = record("s_frame.cap_dep|x");
     kill(pid, SIGSTOP);
