@@ -318,7 +318,7 @@ TEST_F(KxMom, ConnectRefusalsSayWhyAndSubscribeRefusalsAreLogged)
 
 // db 3's server stopped: the call that finds it waits the command timeout, then db 3 is
 // down and its calls fail at once. The loop runs on through libkx's reconnect attempts
-// (a 50 ms tick reading db 28 is never held for 500 ms); then db 3 is back, same run.
+// (a 50 ms tick reading db 28 is never held for a second); then db 3 is back, same run.
 TEST_F(KxMom, AStoppedServerHoldsOnlyTheCallThatFindsIt)
 {
     using Clock = std::chrono::steady_clock;
@@ -330,7 +330,7 @@ TEST_F(KxMom, AStoppedServerHoldsOnlyTheCallThatFindsIt)
     kill(pid, SIGSTOP);
     auto start = Clock::now();
     EXPECT_EQ(kx_mom_hgetall_sync(g, 3, key.get()), nullptr);
-    EXPECT_LT(Clock::now() - start, 3s);
+    EXPECT_LT(Clock::now() - start, 4s); // the 2 s command timeout, not more
     start = Clock::now();
     int32_t error = 0, tag = 6;
     EXPECT_EQ(kx_mom_get_sync(g, 3, key.get(), &error), nullptr);
@@ -353,7 +353,7 @@ TEST_F(KxMom, AStoppedServerHoldsOnlyTheCallThatFindsIt)
     event_add(timer.get(), &every);
     event_base_loopexit(g->base, &window);
     event_base_dispatch(g->base);
-    EXPECT_LT(longest, 500ms);
+    EXPECT_LT(longest, 1s); // a reconnect that waited would hold it 2 s
     EXPECT_GT(served, 20);
     kill(pid, SIGCONT);
     EXPECT_TRUE(run_until(g, [&] { return seen[3] == Lines{"up 2"}; }));
