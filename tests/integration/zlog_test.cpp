@@ -1,11 +1,12 @@
 // The log sink: the exact record, the level, where the output goes, the
 // configurations that must leave the daemon without a log, and log rotation.
+#include <atomic>
 #include <csignal>
 #include <regex>
+#include <thread>
 #include <tuple>
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "kx_global.h"
@@ -22,31 +23,10 @@ void log(kx_zlog_category_t *cat, int level, const char *text)
     kxdf_zlog(cat, "app/vek_cap/vek_cap.cpp", 19, "vek_cap_indep_init", 18, 212, level, "%s", text);
 }
 
-TEST(Zlog, RecordsAreOneEscapedLineEachFromTheConfiguredLevelUp)
-{
-    TempDir root;
-    setenv("KX_ROOT", root.path().c_str(), 1);
-    unsetenv("KX_LOG");
-    write_file(root / "etc/kx/m.zlog", "# quiet\n\n  level=notice  \n");
-    kx_zlog_category_t *cat = kx_zlog_init("m");
-    ASSERT_NE(cat, nullptr);
-    log(cat, KX_ZLOG_LEVEL_INFO, "below");
-    log(cat, KX_ZLOG_LEVEL_NOTICE, "init ham fail");
-    log(cat, KX_ZLOG_LEVEL_WARN, "one line feed\n");
-    log(cat, KX_ZLOG_LEVEL_ERROR, "two\n\n");
-    log(cat, KX_ZLOG_LEVEL_FATAL,
-        "a\r\nb\tc\x01"
-        "d");
-    // Each record's time stamp ("2026-11-22 23:01:02.123456 ") read as "T ".
-    const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )");
-    const std::string source =
-        " [" + std::to_string(getpid()) + ":app/vek_cap/vek_cap:vek_cap_indep_init:212] ";
-    EXPECT_EQ(std::regex_replace(read_file(root / "var/log/m.log"), stamp, "T "),
-              "T NOTICE" + source + "init ham fail\n" + "T WARN" + source + "one line feed\n" +
-                  "T ERROR" + source + "two\\n\n" + "T FATAL" + source + "a\\r\\nb\\tc\\x01d\n");
-}
-
-TEST(Zlog, OutputIsKxLogThenTheConfigurationThenTheDefault)
+// The output is KX_LOG, then the configuration's, then the default; a configuration that
+// cannot be used, or an output that cannot be opened, leaves no log. Records are one
+// escaped line each, from the configured level up.
+TEST(Zlog, OutputAndLevelAsConfiguredAndRecordsOneEscapedLineEach)
 {
     TempDir root;
     setenv("KX_ROOT", root.path().c_str(), 1);
@@ -66,35 +46,46 @@ TEST(Zlog, OutputIsKxLogThenTheConfigurationThenTheDefault)
         log(cat, KX_ZLOG_LEVEL_ERROR, written.c_str());
         EXPECT_TRUE(written.empty() || read_file(written).ends_with(written + "\n")) << written;
     }
+
+    write_file(root / "etc/kx/m.zlog", "# quiet\n\n  level=notice  \n");
+    setenv("KX_LOG", (root / "levels.log").c_str(), 1);
+    kx_zlog_category_t *cat = kx_zlog_init("m");
+    ASSERT_NE(cat, nullptr);
+    log(cat, KX_ZLOG_LEVEL_INFO, "below");
+    log(cat, KX_ZLOG_LEVEL_NOTICE, "init ham fail");
+    log(cat, KX_ZLOG_LEVEL_WARN, "one line feed\n");
+    log(cat, KX_ZLOG_LEVEL_FATAL, "a\r\n\tb\x01\n\n");
+    // Each record's time stamp ("2026-11-22 23:01:02.123456 ") read as "T ".
+    const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )");
+    const std::string source =
+        " [" + std::to_string(getpid()) + ":app/vek_cap/vek_cap:vek_cap_indep_init:212] ";
+    EXPECT_EQ(std::regex_replace(read_file(root / "levels.log"), stamp, "T "),
+              "T NOTICE" + source + "init ham fail\nT WARN" + source + "one line feed\nT FATAL" +
+                  source + "a\\r\\n\\tb\\x01\\n\n");
 }
 
-// logrotate moves the log away, then sends SIGHUP: the process lives on and its
-// records go to a new file by the configured name.
+// logrotate moves the log away, then sends SIGHUP: the process lives on and its records
+// go to a new file by the configured name.
 TEST(Zlog, SighupOpensTheLogAgainAndEndsNothing)
 {
     TempDir root;
     const std::string path = root / "m.log";
     setenv("KX_LOG", path.c_str(), 1);
-    pid_t pid = fork();
-    if (pid == 0) { // a process with a log and a loop, as the daemon runs
-        kx_zlog_category_t *cat = kx_zlog_init("m");
-        kx_global_t *global = kx_global_init("m", nullptr);
-        log(cat, KX_ZLOG_LEVEL_ERROR, "before");
-        kx_global_run(global); // until SIGTERM
-        log(cat, KX_ZLOG_LEVEL_ERROR, "after");
-        _exit(0);
-    }
-    ASSERT_TRUE(wait_for([&] { return read_file(path).ends_with("before\n"); }));
+    kx_zlog_category_t *cat = kx_zlog_init("m");
+    kx_global_t *global = kx_global_init("m", nullptr);
+    std::atomic<bool> ended = false;
+    std::thread loop([&] { ended = kx_global_run(global) == 0; }); // a failure ends the program
+    log(cat, KX_ZLOG_LEVEL_ERROR, "before");
     ASSERT_EQ(rename(path.c_str(), (path + ".1").c_str()), 0);
-    kill(pid, SIGHUP);
+    kill(getpid(), SIGHUP);
     EXPECT_TRUE(wait_for([&] { return access(path.c_str(), F_OK) == 0; })) << "no new log";
-    kill(pid, SIGTERM);
-    int raw = -1;
-    if (!wait_for([&] { return waitpid(pid, &raw, WNOHANG) == pid; }))
-        kill(pid, SIGKILL), waitpid(pid, &raw, 0);
-    EXPECT_EQ(raw, 0) << "not a clean exit";
-    EXPECT_TRUE(read_file(path).ends_with("after\n") &&
-                !read_file(path + ".1").ends_with("after\n"));
+    kill(getpid(), SIGTERM);
+    ASSERT_TRUE(wait_for([&] { return ended.load(); })) << "SIGTERM left the loop running";
+    loop.join();
+    kx_global_finish(global);
+    log(cat, KX_ZLOG_LEVEL_ERROR, "after");
+    EXPECT_TRUE(read_file(path + ".1").ends_with("before\n") &&
+                read_file(path).ends_with("after\n"));
 }
 
 } // namespace

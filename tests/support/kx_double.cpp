@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <deque>
 #include <functional>
-#include <map>
+#include <ranges>
 #include <set>
 
 #include "kx_codec.h"
@@ -21,12 +21,10 @@ struct State {
     std::set<int32_t> down;
     std::map<int32_t, kx_mom_disconnect_cb> on_down;
     std::map<int32_t, kx_mom_reconnect_cb> on_up;
-    std::vector<std::string> calls;
+    std::vector<std::string> calls, logs; // logs as log_briefs() shows them
     std::deque<std::function<void()>> queue;
-    std::vector<Subscription> subs;
-    std::vector<Subscription> unconfirmed;     // a cmd 29 of theirs is in the queue
-    std::vector<std::pair<Fault, int>> faults; // with the matching calls seen so far
-    std::vector<std::string> logs;             // as log_briefs() shows them
+    std::vector<Subscription> subs, unconfirmed; // unconfirmed: a cmd 29 of theirs is queued
+    std::vector<std::pair<Fault, int>> faults;   // with the matching calls seen so far
     std::map<std::string, std::pair<ssat_fn, ssat_thunk>, std::less<>> commands;
     std::string root = "/nonexistent-kx-double-root";
     kx_global global;
@@ -48,6 +46,7 @@ const Fault *called(const std::string &line)
 }
 
 int32_t code_of(const Fault *f) { return f ? f->rc : 0; }
+bool is_down(int32_t db) { return s.down.count(db) != 0; }
 
 // The checks libkx makes before a call reaches its database.
 bool valid(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
@@ -60,9 +59,9 @@ std::string selection(const ProtobufCMessage *key)
     return kx::selects_table(key) ? kx::table_glob(key->descriptor) : kx::record_key(key);
 }
 
+// A whole table "name|*": its name and the separator start the key.
 bool selects(std::string_view selection, std::string_view key)
 {
-    // A whole table "name|*": its name and the separator start the key.
     return selection.ends_with("|*") ? key.starts_with(selection.substr(0, selection.size() - 1))
                                      : selection == key;
 }
@@ -79,10 +78,10 @@ std::string line(const char *name, int32_t db, const ProtobufCMessage *key, bool
 int32_t status(const std::string &line, int32_t db, bool ok, const std::function<int32_t()> &act)
 {
     const Fault *f = called(line);
-    return !ok ? KX_MOM_EINVAL : f ? f->rc : s.down.count(db) ? KX_MOM_ENOTCONN : act();
+    return !ok ? KX_MOM_EINVAL : f ? f->rc : is_down(db) ? KX_MOM_ENOTCONN : act();
 }
 
-Fields *find(int32_t db, const std::string &key)
+const Fields *find(int32_t db, const std::string &key)
 {
     auto it = s.dbs[db].find(key);
     return it == s.dbs[db].end() ? nullptr : &it->second;
@@ -105,18 +104,15 @@ kx_mom_hash_res *read_hash(int32_t db, const std::string &key)
 ProtobufCMessage *read_record(int32_t db, const std::string &key, int32_t *error)
 {
     const Fields *record = find(db, key);
-    *error = 0;
-    if (!record)
-        return nullptr;
-    if (!kx::stored_whole(kx::table_of_key(key))) {
-        kx::HashRes res(read_hash(db, key));
-        *error = res ? res->error_code : KX_MOM_ENOMEM;
-        return res ? static_cast<ProtobufCMessage *>(std::exchange(res->obj, nullptr)) : nullptr;
+    if (kx::stored_whole(kx::table_of_key(key))) {
+        std::string why, packed = record && !record->empty() ? record->front().second : "";
+        kx::Message obj;
+        *error = record ? kx::decode_whole(kx::table_of_key(key), key, packed, &obj, &why) : 0;
+        return obj.release();
     }
-    std::string why, packed = !record->empty() ? record->front().second : "";
-    kx::Message obj;
-    *error = kx::decode_whole(kx::table_of_key(key), key, packed, &obj, &why);
-    return obj.release();
+    kx::HashRes res(read_hash(db, key));
+    *error = res ? res->error_code : KX_MOM_ENOMEM;
+    return res ? static_cast<ProtobufCMessage *>(std::exchange(res->obj, nullptr)) : nullptr;
 }
 
 // Nothing reaches a subscriber while its database is down: the subscriber connection is
@@ -125,7 +121,7 @@ void deliver(const Subscription &to, const std::string &key, int32_t cmd, void *
              int32_t scan_over = 0)
 {
     kx_mom_msg msg{to.db, kx::table_of_key(key), cmd, data, key.c_str(), scan_over};
-    if (!s.down.count(to.db))
+    if (!is_down(to.db))
         to.cb(&s.global, &msg, to.privdata);
 }
 
@@ -170,11 +166,9 @@ void notify(int32_t db, const std::string &key, bool deleted)
 // Every selected record still there when its turn comes (callbacks may delete some).
 void scan(const Subscription &sc)
 {
-    std::vector<std::string> keys;
-    for (const auto &[key, fields] : s.dbs[sc.db])
-        if (selects(sc.selection, key))
-            keys.push_back(key);
-    for (const auto &key : keys)
+    auto selected = s.dbs[sc.db] | std::views::keys |
+                    std::views::filter([&](auto &key) { return selects(sc.selection, key); });
+    for (const auto &key : std::vector<std::string>(selected.begin(), selected.end()))
         deliver_record(sc, key, false);
 }
 
@@ -182,24 +176,17 @@ void scan(const Subscription &sc)
 
 std::vector<std::string> trace(std::string_view prefix)
 {
-    std::vector<std::string> out;
-    std::ranges::copy_if(s.calls, std::back_inserter(out),
-                         [&](const std::string &c) { return c.starts_with(prefix); });
-    return out;
+    auto match = s.calls | std::views::filter([&](auto &c) { return c.starts_with(prefix); });
+    return {match.begin(), match.end()};
 }
 
-void clear()
-{
-    s.calls.clear();
-    s.logs.clear();
-}
+void clear() { s.calls.clear(), s.logs.clear(); }
 
 void put_raw(int32_t db, const std::string &key, const Fields &fields, bool tell)
 {
     Fields &record = s.dbs[db][key];
     for (const auto &field : fields) {
-        auto it = std::find_if(record.begin(), record.end(),
-                               [&](auto &f) { return f.first == field.first; });
+        auto it = std::ranges::find(record, field.first, &Fields::value_type::first);
         it == record.end() ? record.push_back(field) : void(it->second = field.second);
     }
     if (tell)
@@ -209,11 +196,9 @@ void put_raw(int32_t db, const std::string &key, const Fields &fields, bool tell
 std::vector<std::string> contents(int32_t db)
 {
     std::vector<std::string> out;
-    for (const auto &[key, fields] : s.dbs[db]) {
-        out.push_back(key);
-        for (const auto &[name, text] : fields)
+    for (const auto &[key, fields] : s.dbs[db])
+        for (out.push_back(key); const auto &[name, text] : fields)
             out.back() += " " + name + "=" + text;
-    }
     return out;
 }
 
@@ -244,8 +229,7 @@ void reconnect(int32_t db, int32_t type)
         s.down.erase(db);
         if (auto cb = s.on_up[db])
             cb(&s.global, db, type);
-        for (const Subscription &sub : s.subs)
-            confirm(sub);
+        std::ranges::for_each(s.subs, confirm);
     });
 }
 
@@ -258,9 +242,7 @@ bool ssat_run(std::string_view cmd, int32_t num, const char *word)
 {
     auto it = s.commands.find(cmd);
     ssat_args args{word, num};
-    if (it != s.commands.end())
-        it->second.second(it->second.first, &args);
-    return it != s.commands.end();
+    return it != s.commands.end() && (it->second.second(it->second.first, &args), true);
 }
 
 } // namespace kxd
@@ -272,13 +254,7 @@ kx_global_t *kx_global_init(const char *module, kx_global_t *global)
     return called(std::string("kx_global_init ") + module) ? nullptr : global ? global : &s.global;
 }
 
-int32_t kx_global_run(kx_global_t *)
-{
-    called("kx_global_run");
-    run();
-    return 0;
-}
-
+int32_t kx_global_run(kx_global_t *) { return called("kx_global_run"), run(), 0; }
 void kx_global_finish(kx_global_t *) { called("kx_global_finish"); }
 int32_t kx_initframe_duplicate_check(void)
 {
@@ -291,13 +267,7 @@ int32_t reg_process_exit_action(int32_t action, int32_t reason)
         called("reg_process_exit_action " + std::to_string(action) + " " + std::to_string(reason)));
 }
 
-int32_t kx_monotime(kx_timestamp_t *ts)
-{
-    called("kx_monotime");
-    *ts = {12, 34};
-    return 0;
-}
-
+int32_t kx_monotime(kx_timestamp_t *ts) { return called("kx_monotime"), *ts = {12, 34}, 0; }
 std::string kx_root_path(std::string_view path) { return s.root + std::string(path); }
 
 int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db)
@@ -312,20 +282,14 @@ int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db, kx_mom_
                                         uint32_t)
 {
     return status("kx_mom_client_set_disconnect_cb " + std::to_string(db), db,
-                  global == &s.global && cb, [&] {
-                      s.on_down[db] = cb;
-                      return 0;
-                  });
+                  global == &s.global && cb, [&] { return s.on_down[db] = cb, 0; });
 }
 
 int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db, kx_mom_reconnect_cb cb,
                                        uint32_t)
 {
     return status("kx_mom_client_set_reconnect_cb " + std::to_string(db), db,
-                  global == &s.global && cb, [&] {
-                      s.on_up[db] = cb;
-                      return 0;
-                  });
+                  global == &s.global && cb, [&] { return s.on_up[db] = cb, 0; });
 }
 
 // A route asked for while its database is down is kept, and confirmed by the reconnect.
@@ -340,7 +304,7 @@ int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage
     Subscription sub{db, selection(key), cb, privdata};
     if (std::ranges::find(s.subs, sub) == s.subs.end())
         s.subs.push_back(sub);
-    if (!s.down.count(db))
+    if (!is_down(db))
         confirm(sub);
     return 0;
 }
@@ -349,8 +313,7 @@ int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage
                          kx_mom_cb cb, void *privdata)
 {
     return status(line("kx_mom_scan_sync", db, key, true), db, valid(global, db, key) && cb, [&] {
-        scan({db, selection(key), cb, privdata});
-        return 0;
+        return scan({db, selection(key), cb, privdata}), 0;
     });
 }
 
@@ -359,10 +322,7 @@ int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key
 {
     return status(line("kx_mom_scan", db, key, true), db, valid(global, db, key) && cb, [&] {
         Subscription sc{db, selection(key), cb, privdata};
-        s.queue.push_back([sc] {
-            scan(sc);
-            deliver(sc, sc.selection, 0, nullptr, 1);
-        });
+        s.queue.push_back([sc] { scan(sc), deliver(sc, sc.selection, 0, nullptr, 1); });
         return 0;
     });
 }
@@ -375,7 +335,7 @@ void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *k
     bool read = !f || f->how == Fail::WithObject;
     code = !valid(global, db, key) ? KX_MOM_EINVAL
            : !read                 ? (f->how == Fail::Code ? f->rc : 0)
-           : s.down.count(db)      ? KX_MOM_ENOTCONN
+           : is_down(db)           ? KX_MOM_ENOTCONN
                                    : 0;
     void *obj = code || !read ? nullptr : read_record(db, kx::record_key(key), &code);
     if (obj && f)
@@ -386,7 +346,7 @@ void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *k
 kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
 {
     const Fault *f = called(line("kx_mom_hgetall_sync", db, key, false));
-    bool read = valid(global, db, key) && kx::hash_table(key) && !s.down.count(db);
+    bool read = valid(global, db, key) && kx::hash_table(key) && !is_down(db);
     if (!read || (f && f->how == Fail::Null))
         return nullptr;
     kx_mom_hash_res *res = f && f->how == Fail::Code ? kx::new_hash_res(db, kx::record_key(key), 0)
@@ -399,18 +359,16 @@ kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db, const Prot
 int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *record,
                           const int32_t *field_tag, int32_t field_len)
 {
-    std::vector<int32_t> tags(field_tag, field_tag + (field_tag && field_len > 0 ? field_len : 0));
-    std::string call = line("kx_mom_hmset_sync", db, record, false) + " [";
-    for (const int32_t &tag : tags)
-        call += std::to_string(tag) + (&tag == &tags.back() ? "" : ",");
+    std::string tags;
+    for (int32_t i = 0; field_tag && i < field_len; ++i)
+        tags += (i ? "," : "") + std::to_string(field_tag[i]);
     kx::Write w;
     bool ok = valid(global, db, record) && kx::encode_write(record, field_tag, field_len, &w) == 0;
-    return status(call + "]", db, ok, [&] {
-        Fields fields;
-        for (auto &f : w.fields)
+    return status(line("kx_mom_hmset_sync", db, record, false) + " [" + tags + "]", db, ok, [&] {
+        Fields fields = w.whole ? Fields{{"value", w.value}} : Fields{};
+        for (auto &f : w.fields) // none for the whole value
             fields.emplace_back(f.name, std::move(f.text));
-        put_raw(db, w.key, w.whole ? Fields{{"value", w.value}} : fields, true);
-        return 0;
+        return put_raw(db, w.key, fields, true), 0;
     });
 }
 

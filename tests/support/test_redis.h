@@ -37,7 +37,7 @@ struct RunResult {
     std::string err;
 };
 
-// A child process whose standard output and error go to files in `dir`.
+// A child process whose standard output and error go to `dir`/`name`.out and .err.
 class Process {
 public:
     Process(const std::vector<std::string> &argv, const Env &env, const std::string &dir,
@@ -51,12 +51,10 @@ public:
     void signal(int sig);
     // Exit status (or 128 + signal), or -1 after `timeout` (the process is then killed).
     int wait(std::chrono::milliseconds timeout = 10s);
-    std::string out() const;
 
 private:
     pid_t pid_ = -1;
     int status_ = -1;
-    std::string out_path_;
 };
 
 // Runs to completion (killed after `timeout`), standard input empty.
@@ -69,32 +67,25 @@ public:
         int databases = 32;
         std::string notify = "KEA"; // notify-keyspace-events at start
     };
-    RedisServer();
+    RedisServer() : RedisServer(Options{}) {}
     explicit RedisServer(Options options);
-    ~RedisServer();
 
     const std::string &socket() const { return socket_; }
     std::string addr() const { return "unix:" + socket_; } // for KX_MOM_ADDR
-
     // redis-cli -s <socket> -n <db> args...; its standard output without the last newline.
     std::string cli(int db, const std::vector<std::string> &args) const;
     // Every key of `db`, sorted, as "KEY field=value ..." (hash fields in the server's
-    // order; a key of another type alone).
+    // order; a string as its one field "value"; a key of another type alone).
     std::vector<std::string> dump(int db) const;
-    void restart()
-    {
-        stop();
-        start();
-    } // a new run: its run_id differs
+    void restart() { start(); } // a new run: its run_id differs
 
 private:
     void start();
-    void stop();
 
     Options options_;
     TempDir dir_;
     std::string socket_;
-    std::unique_ptr<Process> proc_;
+    std::unique_ptr<Process> proc_; // killed first, before its directory goes
 };
 
 // Polls `pred` every 10 ms until it holds or `timeout` passes.

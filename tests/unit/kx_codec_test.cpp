@@ -2,6 +2,8 @@
 // values refused as errors, never turned into a record.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "kx_codec.h"
 #include "s_frame.pb-c.h"
 
@@ -11,29 +13,19 @@ using namespace std::string_literals;
 
 TEST(KxCodec, KeysRoundTripInTheirDocumentedForm)
 {
-    struct Case {
-        int32_t node;
-        const char *url;
-        const char *key;
-    } cases[] = {
+    const std::tuple<int32_t, const char *, const char *> cases[] = {
         {16, "/fe/l3/ecmp", "s_frame.cap_glb_table|16|/fe/l3/ecmp"},
         {-1, "a|b%c", "s_frame.cap_glb_table|-1|a%7Cb%25c"},
         {0, "", "s_frame.cap_glb_table|0|"},
         {-2147483647 - 1, "%7C*?[x]\\ ", "s_frame.cap_glb_table|-2147483648|%257C*?[x]\\ "},
     };
-    for (const auto &c : cases) {
-        SFrame__CapGlbTableIndex index = S_FRAME__CAP_GLB_TABLE_INDEX__INIT;
-        index.node = c.node;
-        index.url = const_cast<char *>(c.url);
-        SFrame__CapGlbTable rec = S_FRAME__CAP_GLB_TABLE__INIT;
-        rec.index = &index;
-        EXPECT_EQ(kx::record_key(&rec.base), c.key);
+    for (const auto &[node, url, key] : cases) {
         std::string error;
-        kx::Message back(kx::parse_key(&s_frame__cap_glb_table__descriptor, c.key, &error));
-        ASSERT_TRUE(back) << error;
-        auto *parsed = reinterpret_cast<SFrame__CapGlbTable *>(back.get());
-        EXPECT_EQ(parsed->index->node, c.node) << c.key;
-        EXPECT_STREQ(parsed->index->url, c.url);
+        kx::Message rec(kx::parse_key(&s_frame__cap_glb_table__descriptor, key, &error));
+        ASSERT_TRUE(rec) << error;
+        auto *index = reinterpret_cast<SFrame__CapGlbTable *>(rec.get())->index;
+        EXPECT_EQ(std::tuple(index->node, std::string(index->url)), std::tuple(node, url)) << key;
+        EXPECT_EQ(kx::record_key(rec.get()), key);
     }
     // A record written without an index is the one at the defaults, not the table.
     SFrame__CapFeReady ready = S_FRAME__CAP_FE_READY__INIT;
@@ -42,35 +34,32 @@ TEST(KxCodec, KeysRoundTripInTheirDocumentedForm)
 
 TEST(KxCodec, MalformedKeysAndValuesAreErrorsNeverRecords)
 {
-    struct Case {
-        std::string key;
-        const char *why, *field = "int32_value";
-        std::string value = "1";
+    const std::string ok = "int32_value=1", glb = "s_frame.cap_glb_table";
+    const std::tuple<std::string, std::string, const char *> cases[] = {
+        // key, name=value, why
+        {glb, ok, "too few index parts"},
+        {glb + "|16|/a|b", ok, "too many index parts"},
+        {glb + "x|16|/a", ok, "unknown table"},
+        {"p_libpub.cap_state|1", ok, "a single-record table has no index"},
+        {glb + "||/a", ok, "bad integer part"},
+        {glb + "|007|/a", ok, "bad integer part"},
+        {glb + "|2147483648|/a", ok, "bad integer part"},
+        {glb + "|1|%41", ok, "bad escape"},
+        {glb + "|1|a\0b"s, ok, "bad escape"},
+        {glb + "|3|/u", "int32_value=abc", "field 'int32_value': not an int32"},
+        {glb + "|3|/u", "int32_value=2147483648", "int32 out of range"},
+        {glb + "|3|/u", "bool_value=maybe", "field 'bool_value': not a bool"},
+        {glb + "|3|/u", "str_value=a\0b"s, "field 'str_value': NUL byte"},
     };
-    const Case cases[] = {
-        {"s_frame.cap_glb_table", "too few index parts"},
-        {"s_frame.cap_glb_table|16|/a|b", "too many index parts"},
-        {"s_frame.cap_glb_tablex|16|/a", "unknown table"},
-        {"p_libpub.cap_state|1", "a single-record table has no index"},
-        {"s_frame.cap_glb_table||/a", "bad integer part"},
-        {"s_frame.cap_glb_table|007|/a", "bad integer part"},
-        {"s_frame.cap_glb_table|-0|/a", "bad integer part"},
-        {"s_frame.cap_glb_table|2147483648|/a", "bad integer part"},
-        {"s_frame.cap_glb_table|1|%41", "bad escape"},
-        {"s_frame.cap_glb_table|1|a\0b"s, "bad escape"},
-        {"s_frame.cap_glb_table|3|/u", "field 'int32_value': not an int32", "int32_value", "abc"},
-        {"s_frame.cap_glb_table|3|/u", "field 'int32_value': not an int32", "int32_value", ""},
-        {"s_frame.cap_glb_table|3|/u", "int32 out of range", "int32_value", "2147483648"},
-        {"s_frame.cap_glb_table|3|/u", "field 'bool_value': not a bool", "bool_value", "maybe"},
-        {"s_frame.cap_glb_table|3|/u", "field 'str_value': NUL byte", "str_value", "a\0b"s},
-    };
-    for (const auto &c : cases) {
-        kx::FieldValue fields[] = {{"str_value", "ok"}, {c.field, c.value}};
+    for (const auto &[key, field, why] : cases) {
+        const std::string_view name = std::string_view(field).substr(0, field.find('='));
+        kx::FieldValue fields[] = {{"str_value", "ok"},
+                                   {name, std::string_view(field).substr(name.size() + 1)}};
         std::string error;
-        kx::HashRes res(kx::decode_hash(28, c.key, kx::table_of_key(c.key), fields, &error));
-        EXPECT_EQ(res->error_code, KX_MOM_EPROTO) << c.key << " " << c.value;
+        kx::HashRes res(kx::decode_hash(28, key, kx::table_of_key(key), fields, &error));
+        EXPECT_EQ(res->error_code, KX_MOM_EPROTO) << key << " " << field;
         EXPECT_TRUE(!res->obj && !res->field_tag && res->field_len == 0);
-        EXPECT_NE(error.find(c.why), std::string::npos) << error;
+        EXPECT_NE(error.find(why), std::string::npos) << error;
     }
 }
 
