@@ -67,6 +67,17 @@ constexpr const char *kReadHash = "#!lua flags=no-writes\n"
                                   "end\n"
                                   "return out";
 
+// A record read with a field its table does not have: noted in the process's log only.
+// A tool prints the record without the field, which tells its user as much; the daemon's
+// log keeps the trace of a writer's typo or of a newer schema.
+void note_ignored_field(int32_t db, const std::string &what)
+{
+    constexpr std::string_view unit = "platform/kx", func = __func__;
+    if (kx_zlog_category_t *sink = log_sink())
+        kxdf_zlog(sink, unit.data(), unit.size(), func.data(), func.size(), __LINE__,
+                  KX_ZLOG_LEVEL_WARN, "db %d: %s", db, what.c_str());
+}
+
 // The hash result from the read of a hash record: no obj and error_code 0 when the
 // record is missing; nullptr (logged) only when memory runs out for the result itself.
 kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
@@ -98,6 +109,8 @@ kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
         KX_LOG(ERROR, "db %d: key '%s': out of memory", db, printable(key).c_str());
     else if (res->error_code != 0)
         KX_LOG(WARN, "db %d: %s", db, error.c_str());
+    else if (!error.empty())
+        note_ignored_field(db, error);
     return res;
 }
 
