@@ -20,10 +20,14 @@ namespace kx {
 namespace {
 
 // What a scan holds at a time: one page of keys and one batch of records read. A page
-// of 128 keys and a batch of 32 records (about 35 KiB of replies) keep what a
+// of about 128 keys and a batch of 32 records (about 35 KiB of replies) keep what a
 // 10,000-record scan adds to the daemon near 200 KiB, at one more round trip per 32
-// records than batches of 256 would cost.
-constexpr const char *kScanPageSize = "128";
+// records than batches of 256 would cost. A SCAN call visits 128 of the database's keys
+// (COUNT) while the table's keys are dense among them, and up to 2048 at a time while
+// fewer than one in 16 are the table's: a small table in a big database (the deletion
+// notices among a chassis's entries) is then listed in a few calls, with pages as small.
+constexpr size_t kScanPage = 128;
+constexpr size_t kScanReach = 2048;
 constexpr size_t kReadBatch = 32;
 
 int32_t server_refused(int32_t db, const std::string &key, const redisReply *r)
@@ -188,7 +192,8 @@ void take_page(const Database &d, ScanWork &w, const redisReply *keys)
 int32_t list_step(Database &d, ScanWork &w)
 {
     Reply r;
-    int32_t rc = run_command(d, {"SCAN", w.cursor, "MATCH", w.glob, "COUNT", kScanPageSize}, &r);
+    const std::string count = std::to_string(std::max(w.reach, kScanPage));
+    int32_t rc = run_command(d, {"SCAN", w.cursor, "MATCH", w.glob, "COUNT", count}, &r);
     if (rc != 0)
         return rc;
     if (r->type == REDIS_REPLY_ERROR)
@@ -199,6 +204,8 @@ int32_t list_step(Database &d, ScanWork &w)
         return KX_MOM_EPROTO;
     }
     w.cursor.assign(r->element[0]->str, r->element[0]->len);
+    const size_t listed = r->element[1]->elements;
+    w.reach = listed * 16 < w.reach ? std::min(w.reach * 2, kScanReach) : kScanPage;
     take_page(d, w, r->element[1]);
     w.listed = w.cursor == "0";
     return 0;

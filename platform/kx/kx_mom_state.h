@@ -114,6 +114,7 @@ struct ScanWork {
     std::string glob;    // what the listing matches, or the one key
     bool listed = false; // true once SCAN is back at cursor 0 (or one key is taken)
     std::string cursor = "0";
+    size_t reach = 0;                // the COUNT of the next SCAN call (kx_mom.cpp)
     std::deque<std::string> pending; // keys taken, not yet read
     SeenKeys seen;
     kx_mom_cb cb = nullptr;
