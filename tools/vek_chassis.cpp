@@ -1281,8 +1281,9 @@ struct FaultRun {
             if (reply->type == REDIS_REPLY_ERROR)
                 why = reply->str;
         return (replies.size() == commands.size() && why.empty()) ||
-               fault(commands[0][0] + " on " + (card < 0 ? "the global store" : "card's") + " db " +
-                     std::to_string(db) + " failed: " + why);
+               fault(commands[0][0] + " on db " + std::to_string(db) + " of " +
+                     (card < 0 ? "the global store" : "card " + std::to_string(card + 1) + "'s") +
+                     " failed: " + why);
     }
     // Gives entry `j` of card `card` the value `value` and writes it to the card's store.
     bool change_entry(int card, int j, int value)
