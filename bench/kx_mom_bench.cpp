@@ -2,6 +2,11 @@
 // raw hiredis round trip as the unit, then the libkx calls the daemon makes.
 // The operations take turns, round after round, so that each sees the same
 // machine; each figure is its best round (the least disturbed one).
+//
+//   kx_mom_bench [--cpus S,C]
+//
+// Besides the table, one line per operation for scripts/bench:
+//   operation NAME US_PER_OP CLIENT_CPU_US
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -12,6 +17,7 @@
 
 #include <hiredis/hiredis.h>
 
+#include "bench_cpus.h"
 #include "kx_global.h"
 #include "kx_mom.h"
 #include "s_frame.pb-c.h"
@@ -23,6 +29,7 @@ constexpr int kRecords = 10000;
 constexpr int kRounds = 7;
 
 struct Measure {
+    const char *key; // for scripts/bench
     const char *name;
     int ops;
     std::function<void()> body;
@@ -83,7 +90,7 @@ bool fail(const char *what)
     return false;
 }
 
-bool run()
+bool run(const Cpus &cpus)
 {
     testsupport::RedisServer server;
     setenv("KX_MOM_ADDR", server.addr().c_str(), 1);
@@ -93,11 +100,13 @@ bool run()
     redisContext *raw = redisConnectUnix(server.socket().c_str());
     if (!raw || raw->err)
         return fail("cannot connect hiredis");
+    if (!pin_both(raw, cpus))
+        return fail("cannot pin the server and this process to their CPUs");
     freeReplyObject(redisCommand(raw, "SELECT 28"));
 
     // The same command libkx sends for a record written with fields 6, 7, 8.
     std::vector<Measure> all;
-    all.push_back({"raw hiredis HSET (3 fields)", kRecords, [&] {
+    all.push_back({"raw_hset", "raw hiredis HSET (3 fields)", kRecords, [&] {
                        for (int i = 0; i < kRecords; ++i) {
                            std::string key = "s_frame.cap_glb_table|16|" + url(i);
                            freeReplyObject(redisCommand(
@@ -111,7 +120,7 @@ bool run()
         urls.push_back(url(i));
     const int32_t tags[] = {6, 7, 8};
     int failures = 0;
-    all.push_back({"kx_mom_hmset_sync (3 fields)", kRecords, [&] {
+    all.push_back({"hmset", "kx_mom_hmset_sync (3 fields)", kRecords, [&] {
                        for (int i = 0; i < kRecords; ++i) {
                            GlbRecord r(urls[i]);
                            r.rec.bool_value = 1;
@@ -121,7 +130,7 @@ bool run()
                        }
                    }});
 
-    all.push_back({"kx_mom_hgetall_sync", kRecords, [&] {
+    all.push_back({"hgetall", "kx_mom_hgetall_sync", kRecords, [&] {
                        for (int i = 0; i < kRecords; ++i) {
                            GlbRecord key(urls[i]);
                            kx_mom_hash_res *res = kx_mom_hgetall_sync(g, 28, &key.rec.base);
@@ -131,7 +140,7 @@ bool run()
                    }});
 
     int delivered = 0;
-    all.push_back({"kx_mom_scan_sync, per record", kRecords, [&] {
+    all.push_back({"scan", "kx_mom_scan_sync, per record", kRecords, [&] {
                        SFrame__CapGlbTable table = S_FRAME__CAP_GLB_TABLE__INIT;
                        failures +=
                            kx_mom_scan_sync(g, 28, &table.base, 0, count_record, &delivered) != 0;
@@ -140,12 +149,14 @@ bool run()
     if (failures || delivered != kRounds * kRecords)
         return fail("some operations failed");
 
-    printf("%d records of s_frame.cap_glb_table, Unix socket, best of %d rounds\n", kRecords,
-           kRounds);
+    printf("%d records of s_frame.cap_glb_table, Unix socket, %s, best of %d rounds\n", kRecords,
+           cpus.name().c_str(), kRounds);
     printf("%-32s %9s %16s %14s\n", "operation", "us/op", "raw round trips", "client CPU us");
     for (const Measure &m : all)
         printf("%-32s %9.2f %16.2f %14.2f\n", m.name, m.best_us, m.best_us / all[0].best_us,
                m.best_cpu_us);
+    for (const Measure &m : all)
+        printf("operation %s %.2f %.2f\n", m.key, m.best_us, m.best_cpu_us);
     redisFree(raw);
     kx_global_finish(g);
     return true;
@@ -153,4 +164,10 @@ bool run()
 
 } // namespace
 
-int main() { return run() ? 0 : 1; }
+int main(int argc, char **argv)
+{
+    Cpus cpus;
+    if (!take_cpus(argc, argv, &cpus) || argc != 1)
+        return fail("usage: kx_mom_bench [--cpus S,C]"), 2;
+    return run(cpus) ? 0 : 1;
+}

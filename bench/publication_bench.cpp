@@ -2,32 +2,48 @@
 // with N capability entries. The figure is the time from the write that completes the
 // card's conditions (its local ready record) to the card's ready record arriving as a
 // keyspace notification, against N raw hiredis HSET round trips measured in the same
-// run: each entry is one synchronous write, so N round trips is the floor.
+// run: each entry is one synchronous write, so N round trips is the floor. Raw and
+// daemon rounds take turns, so that both see the same machine; each figure is its best
+// round.
 //
-//   publication_bench [N ...]      (default: 1000 10000)
+//   publication_bench [--cpus S,C] [--rounds R] [--idle] [--daemon PATH] [N ...]
+//                                                          (default: 1000 10000)
 //
-// Also: a republication after a deletion notice, the daemon's peak RSS (VmHWM) after
-// the largest card, and its CPU time and context switches over 10 s idle while connected.
+// Also: a republication after a deletion notice; the daemon's peak RSS (VmHWM) before
+// and after the publications, with its anonymous and file-backed parts; with --idle,
+// its CPU time and context switches over 10 s idle while connected. Besides the table,
+// one line per card for scripts/bench:
+//   publication N raw_us publish_us republish_us idle_hwm_kb hwm_kb anon_kb file_kb
+//   idle SECONDS CONTEXT_SWITCHES CPU_TICKS TICKS_PER_SECOND
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include <hiredis/hiredis.h>
 
+#include "bench_cpus.h"
 #include "test_redis.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using testsupport::Process;
-constexpr int kRounds = 5;
 constexpr int kIdleSeconds = 10;
+constexpr int kRawDb = 27; // raw writes stay out of the daemon's databases
+
+struct Settings {
+    Cpus cpus;
+    int rounds = 5;
+    bool idle = false;
+    std::string daemon = VEK_CAP_BIN; // this build's, unless another is named
+};
 
 double us_since(Clock::time_point start)
 {
@@ -83,19 +99,14 @@ long proc_cpu_ticks(pid_t pid)
     return fields.size() > 12 ? std::atol(fields[11].c_str()) + std::atol(fields[12].c_str()) : -1;
 }
 
-// The best of kRounds of `n` raw HSETs, microseconds per HSET.
+// One round of `n` raw HSETs of 3 fields, in microseconds per HSET.
 double raw_hset_us(Redis &r, int n)
 {
-    double best = 1e300;
-    for (int round = 0; round < kRounds; ++round) {
-        auto start = Clock::now();
-        for (int i = 0; i < n; ++i)
-            r.cmd({"HSET", "s_frame.cap_glb_table|99|/fe/l3/entry/" + std::to_string(i),
-                   "bool_value", "true", "int32_value", std::to_string(i), "str_value", "x"});
-        best = std::min(best, us_since(start) / n);
-    }
-    r.cmd({"FLUSHDB"});
-    return best;
+    auto start = Clock::now();
+    for (int i = 0; i < n; ++i)
+        r.cmd({"HSET", "s_frame.cap_glb_table|99|/fe/l3/entry/" + std::to_string(i), "bool_value",
+               "true", "int32_value", std::to_string(i), "str_value", "x"});
+    return us_since(start) / n;
 }
 
 // Waits on `sub` (subscribed to the ready record's key) for its next hset event.
@@ -116,22 +127,43 @@ bool next_ready(Redis &sub)
 
 struct Figures {
     int entries;
-    double raw_us, publish_us, republish_us;
-    long hwm_kb;
+    double raw_us = 1e300, publish_us = 1e300, republish_us = 1e300;
+    long idle_hwm_kb, hwm_kb, anon_kb, file_kb;
 };
 
-// One card of `n` entries on its own server and daemon; `idle` also measures the idle daemon.
-bool run_card(int n, bool idle, Figures *out)
+// The daemon's CPU time and context switches over kIdleSeconds while nothing happens.
+void measure_idle(pid_t pid)
+{
+    auto switches = [pid] {
+        return proc_status(pid, "voluntary_ctxt_switches") +
+               proc_status(pid, "nonvoluntary_ctxt_switches");
+    };
+    // Each publication also scans db 28 for deletion notices, after its ready record:
+    // idle starts once the daemon has not been woken for half a second.
+    for (long last = -1; last != switches();) {
+        last = switches();
+        usleep(500000);
+    }
+    long cs = switches(), cpu = proc_cpu_ticks(pid);
+    sleep(kIdleSeconds);
+    printf("idle %d %ld %ld %ld\n", kIdleSeconds, switches() - cs, proc_cpu_ticks(pid) - cpu,
+           sysconf(_SC_CLK_TCK));
+}
+
+// One card of `n` entries on its own server and daemon.
+bool run_card(int n, const Settings &s, bool idle, Figures *out)
 {
     testsupport::RedisServer server;
     testsupport::TempDir root;
     testsupport::write_file(root / "etc/cap_cfg/cap_dep/fe/fib_mgr", "");
-    Redis host(server.socket()), glb(server.socket()), sub(server.socket());
-    if (!host.ok() || !glb.ok() || !sub.ok())
+    Redis host(server.socket()), glb(server.socket()), raw(server.socket()), sub(server.socket());
+    if (!host.ok() || !glb.ok() || !raw.ok() || !sub.ok())
         return fail("cannot connect hiredis");
+    if (!pin_both(host.c, s.cpus))
+        return fail("cannot pin the server and this process to their CPUs");
     glb.cmd({"SELECT", "28"});
+    raw.cmd({"SELECT", std::to_string(kRawDb)});
     out->entries = n;
-    out->raw_us = raw_hset_us(glb, n);
 
     host.cmd({"SELECT", "3"});
     for (int i = 0; i < n; ++i)
@@ -146,47 +178,34 @@ bool run_card(int n, bool idle, Figures *out)
     sub.cmd({"SUBSCRIBE", "__keyspace@28__:s_frame.cap_fe_ready|16|5"});
 
     const std::string log = root / "vek_cap.log";
-    Process daemon({VEK_CAP_BIN},
+    Process daemon({s.daemon},
                    {{"KX_ROOT", root.path()}, {"KX_MOM_ADDR", server.addr()}, {"KX_LOG", log}},
                    root.path(), "vek_cap");
     if (!testsupport::wait_for([&] {
             return testsupport::read_file(log).find("CHSS INFO subscribe ok") != std::string::npos;
         }))
         return fail("the daemon did not start");
-    // Every round is a whole publication: each local ready record has the table copied again.
-    out->publish_us = out->republish_us = 1e300;
-    for (int round = 0; round < kRounds; ++round) {
+    out->idle_hwm_kb = proc_status(daemon.pid(), "VmHWM");
+    // Every round is a whole publication: each local ready record has the table copied
+    // again; and a whole republication, after a deletion notice.
+    for (int round = 0; round < s.rounds; ++round) {
+        out->raw_us = std::min(out->raw_us, raw_hset_us(raw, n));
         auto start = Clock::now();
         host.cmd({"SET", "p_libpub.cap_state", std::string("\x28\x01")});
         if (!next_ready(sub))
             return fail("no ready record");
         out->publish_us = std::min(out->publish_us, us_since(start));
-    }
-    for (int round = 0; round < kRounds; ++round) {
-        auto start = Clock::now();
+        start = Clock::now();
         glb.cmd({"HSET", "s_frame.cap_del_fe_ready|16|5", "ready", "false"});
         if (!next_ready(sub))
             return fail("no ready record after the notice");
         out->republish_us = std::min(out->republish_us, us_since(start));
     }
     out->hwm_kb = proc_status(daemon.pid(), "VmHWM");
-    if (idle) {
-        // Each publication also scans db 28 for deletion notices, after its ready record:
-        // idle starts once the daemon has not been woken for half a second.
-        pid_t pid = daemon.pid();
-        auto switches = [pid] {
-            return proc_status(pid, "voluntary_ctxt_switches") +
-                   proc_status(pid, "nonvoluntary_ctxt_switches");
-        };
-        for (long last = -1; last != switches();) {
-            last = switches();
-            usleep(500000);
-        }
-        long cs = switches(), cpu = proc_cpu_ticks(pid);
-        sleep(kIdleSeconds);
-        printf("idle %d s while connected: %ld context switches, %ld CPU ticks (of %ld per s)\n",
-               kIdleSeconds, switches() - cs, proc_cpu_ticks(pid) - cpu, sysconf(_SC_CLK_TCK));
-    }
+    out->anon_kb = proc_status(daemon.pid(), "RssAnon");
+    out->file_kb = proc_status(daemon.pid(), "RssFile");
+    if (idle)
+        measure_idle(daemon.pid());
     return true;
 }
 
@@ -194,26 +213,41 @@ bool run_card(int n, bool idle, Figures *out)
 
 int main(int argc, char **argv)
 {
+    Settings s;
+    if (!take_cpus(argc, argv, &s.cpus))
+        return fail("--cpus needs two CPU numbers, e.g. --cpus 0,1"), 2;
     std::vector<int> sizes;
-    for (int i = 1; i < argc; ++i)
-        sizes.push_back(std::atoi(argv[i]));
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--idle") == 0)
+            s.idle = true;
+        else if (strcmp(argv[i], "--rounds") == 0 && i + 1 < argc)
+            s.rounds = std::max(1, std::atoi(argv[++i]));
+        else if (strcmp(argv[i], "--daemon") == 0 && i + 1 < argc)
+            s.daemon = argv[++i];
+        else
+            sizes.push_back(std::atoi(argv[i]));
+    }
     if (sizes.empty())
         sizes = {1000, 10000};
     std::vector<Figures> all;
     for (size_t i = 0; i < sizes.size(); ++i) {
         Figures f{};
-        if (sizes[i] <= 0 || !run_card(sizes[i], i + 1 == sizes.size(), &f))
+        if (sizes[i] <= 0 || !run_card(sizes[i], s, s.idle && i + 1 == sizes.size(), &f))
             return 1;
         all.push_back(f);
     }
-    printf("best of %d rounds, Unix socket; raw = one hiredis HSET of 3 fields\n", kRounds);
-    printf("%9s %10s %14s %12s %16s %12s %10s\n", "entries", "raw us", "publish ms", "/ N raw",
-           "republish ms", "/ N raw", "VmHWM kB");
+    printf("best of %d rounds, Unix socket, %s; raw = one hiredis HSET of 3 fields\n", s.rounds,
+           s.cpus.name().c_str());
+    printf("%9s %8s %12s %8s %12s %8s %9s %9s %9s\n", "entries", "raw us", "publish ms", "/ N raw",
+           "republish", "/ N raw", "idle kB", "VmHWM kB", "anon kB");
     for (const Figures &f : all) {
         double floor_us = f.raw_us * f.entries;
-        printf("%9d %10.2f %14.2f %12.2f %16.2f %12.2f %10ld\n", f.entries, f.raw_us,
+        printf("%9d %8.2f %12.2f %8.2f %12.2f %8.2f %9ld %9ld %9ld\n", f.entries, f.raw_us,
                f.publish_us / 1000, f.publish_us / floor_us, f.republish_us / 1000,
-               f.republish_us / floor_us, f.hwm_kb);
+               f.republish_us / floor_us, f.idle_hwm_kb, f.hwm_kb, f.anon_kb);
     }
+    for (const Figures &f : all)
+        printf("publication %d %.2f %.0f %.0f %ld %ld %ld %ld\n", f.entries, f.raw_us, f.publish_us,
+               f.republish_us, f.idle_hwm_kb, f.hwm_kb, f.anon_kb, f.file_kb);
     return 0;
 }

@@ -17,18 +17,24 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <random>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include <fcntl.h>
 #include <hiredis/hiredis.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -54,7 +60,7 @@ constexpr timeval command_timeout{5, 0};
 constexpr const char *usage_text =
     "usage: vek_chassis [-n CARDS] [--entries E] [--subcards S] [--subcard-entries E]\n"
     "                   [--seed SEED] [--timeout SECONDS] [--keep] [--restart-global]\n"
-    "                   [--kill-daemon CARD] [--daemon PATH] [--redis-conf FILE]\n"
+    "                   [--kill-daemon CARD] [--daemon PATH] [--redis-conf FILE] [--fault NAME]\n"
     "Runs a chassis of CARDS cards (1-64, default 8) on this host: a global Redis, and per\n"
     "card a Redis and a vek_cap. Each card has E capability entries (default 4), S subcards\n"
     "(0-15, default 1) of E entries each (default 2) and 0 to 3 dependency modules; its\n"
@@ -68,6 +74,7 @@ constexpr const char *usage_text =
     "                    started again\n"
     "  --daemon PATH     the vek_cap to run (default: vek_cap from PATH)\n"
     "  --redis-conf FILE settings every Redis starts from (databases, notifications...)\n"
+    "  --fault NAME      play a fault once the inputs are written (--fault help lists them)\n"
     "Exit status: 0 converged exactly, 1 not (or a daemon failed), 2 bad usage, 130 Ctrl-C.\n";
 
 volatile sig_atomic_t g_signal = 0;
@@ -100,6 +107,7 @@ struct Options {
     int kill_daemon = 0; // the card's number, 0 for none
     std::string daemon = "vek_cap";
     std::string redis_conf;
+    std::string fault; // a name from the fault table, or empty
 };
 
 std::optional<long long> number(const char *text, long long lo, long long hi)
@@ -135,7 +143,7 @@ std::optional<std::string> parse_options(int argc, char **argv, Options &o, bool
         const Int *option = nullptr;
         for (const Int &x : ints)
             option = a == x.name ? &x : option;
-        if (!option && a != "--daemon" && a != "--redis-conf" && a != "--seed")
+        if (!option && a != "--daemon" && a != "--redis-conf" && a != "--seed" && a != "--fault")
             return "unknown argument " + std::string(a);
         if (i + 1 == argc)
             return std::string(a) + " needs a value";
@@ -154,7 +162,7 @@ std::optional<std::string> parse_options(int argc, char **argv, Options &o, bool
                 return "--seed needs a whole number, not '" + std::string(value) + "'";
             seed_given = true;
         } else {
-            (a == "--daemon" ? o.daemon : o.redis_conf) = value;
+            (a == "--daemon" ? o.daemon : a == "--fault" ? o.fault : o.redis_conf) = value;
         }
     }
     if (o.kill_daemon > o.cards)
@@ -403,6 +411,7 @@ public:
             all.push_back({"SELECT", std::to_string(db)});
         all.insert(all.end(), commands.begin(), commands.end());
         for (const auto &args : all) {
+            ++sent_[stat_name(args)];
             std::vector<const char *> argv;
             std::vector<size_t> lens;
             for (const std::string &a : args)
@@ -436,10 +445,23 @@ public:
         return !replies.empty() && replies[0]->type != REDIS_REPLY_ERROR;
     }
 
+    // The commands sent so far, named as INFO commandstats names them.
+    const std::map<std::string, long long> &sent() const { return sent_; }
+
 private:
+    static std::string stat_name(const std::vector<std::string> &args)
+    {
+        std::string name = args[0];
+        if (args.size() > 1 && (name == "CLIENT" || name == "CONFIG" || name == "ACL"))
+            name += "|" + args[1];
+        std::ranges::transform(name, name.begin(), [](unsigned char c) { return tolower(c); });
+        return name;
+    }
+
     std::string socket_;
     std::unique_ptr<redisContext, ContextFree> ctx_;
     int db_ = 0;
+    std::map<std::string, long long> sent_;
 };
 
 // Every record of `db`: each key with its hash fields; a key of another type has one
@@ -478,6 +500,56 @@ std::optional<Records> read_all(Redis &r, int db, std::string *why)
                 std::string(h->element[j + 1]->str, h->element[j + 1]->len);
     }
     return out;
+}
+
+// What a server has done: its calls by command, as INFO commandstats names them, less
+// those `r` sent itself, and its CPU seconds. Empty with `why` set when it failed.
+struct ServerWork {
+    std::map<std::string, long long> calls;
+    double cpu_s = 0;
+};
+
+std::optional<ServerWork> server_work(Redis &r, int db, std::string *why)
+{
+    auto replies = r.pipeline(db, {{"INFO", "commandstats"}, {"INFO", "cpu"}}, why);
+    if (replies.size() != 2)
+        return std::nullopt;
+    ServerWork w;
+    for (const Reply &reply : replies) {
+        if (reply->type != REDIS_REPLY_STRING)
+            return *why = "INFO gave no text", std::nullopt;
+        std::istringstream in(std::string(reply->str, reply->len));
+        for (std::string line; std::getline(in, line);) {
+            size_t colon = line.find(':'), calls = line.find("calls=");
+            if (line.starts_with("cmdstat_") && calls != std::string::npos)
+                w.calls[line.substr(8, colon - 8)] = atoll(line.c_str() + calls + 6);
+            else if (line.starts_with("used_cpu_sys:") || line.starts_with("used_cpu_user:"))
+                w.cpu_s += atof(line.c_str() + colon + 1);
+        }
+    }
+    for (const auto &[name, n] : r.sent())
+        w.calls[name] -= n;
+    return w;
+}
+
+// "N commands (hset a, eval b, ...), T ms CPU": what a server did from `before` to `after`.
+std::string work_text(const ServerWork &before, const ServerWork &after)
+{
+    std::vector<std::pair<long long, std::string>> by_count;
+    long long total = 0;
+    for (const auto &[name, n] : after.calls) {
+        auto it = before.calls.find(name);
+        long long done = n - (it == before.calls.end() ? 0 : it->second);
+        if (done > 0)
+            by_count.emplace_back(done, name), total += done;
+    }
+    std::ranges::sort(by_count, std::greater<>());
+    std::string text = std::to_string(total) + " commands (";
+    for (size_t i = 0; i < by_count.size(); ++i)
+        text += (i ? ", " : "") + by_count[i].second + " " + std::to_string(by_count[i].first);
+    char cpu[64];
+    snprintf(cpu, sizeof cpu, "), %.0f ms CPU", (after.cpu_s - before.cpu_s) * 1000);
+    return text + cpu;
 }
 
 // ---------------------------------------------------------------- processes
@@ -600,11 +672,28 @@ public:
     {
         return read_all(monitor_, global_db, why);
     }
+    // The number of keys in db 28; SIZE_MAX when the store did not answer.
+    size_t global_size(std::string *why)
+    {
+        auto replies = monitor_.pipeline(global_db, {{"DBSIZE"}}, why);
+        return replies.empty() || replies[0]->type != REDIS_REPLY_INTEGER
+                   ? SIZE_MAX
+                   : static_cast<size_t>(replies[0]->integer);
+    }
     int daemon_exits_77() const { return exits_77_; }
     bool broken() const { return broken_; }
     void detach(); // leaves every child running
     bool stop_daemons();
     void stop_all();
+
+    // For the faults: each card's daemon, files and store, and the global store.
+    bool write_input(const Input &in, std::string *why);
+    int cards() const { return static_cast<int>(runs_.size()); }
+    pid_t daemon_pid(int card) const { return runs_[static_cast<size_t>(card)].daemon.pid; }
+    const std::string &root(int card) const { return runs_[static_cast<size_t>(card)].root; }
+    Redis &card_store(int card) { return runs_[static_cast<size_t>(card)].local; }
+    Redis &global_store() { return monitor_; }
+    pid_t global_pid() const { return global_.pid; }
 
 private:
     bool start_redis(Child &c, const std::string &dir);
@@ -612,7 +701,6 @@ private:
     void start_daemon(CardRun &r);
     bool stop(std::vector<Child *> children);
     void ended(Child &c, int status);
-    bool write_input(const Input &in, std::string *why);
 
     const Options &o_;
     std::string dir_;
@@ -1064,6 +1152,9 @@ public:
             fputs("\033[2J", stdout);
     }
 
+    // How often it wants db 28 read afresh while it is not converged.
+    long long refresh_ms() const { return tty_ ? 100 : 1000; }
+
 private:
     const std::vector<Card> &cards_;
     const Records &expected_;
@@ -1081,17 +1172,25 @@ Outcome converge(Chassis &chassis, View &view, const Records &expected, Clock::t
 {
     view.begin();
     auto deadline = since + std::chrono::seconds(timeout_s);
-    for (;;) {
+    have.clear();
+    for (long long read_ms = -1;;) {
         chassis.reap();
         if (g_signal)
             return Outcome::interrupted;
         if (chassis.broken())
             return Outcome::failed;
+        // db 28 is read whole when its size says it may be done, or for the view: on a big
+        // chassis a whole read is work for the store whose work is being measured.
         std::string why;
-        if (auto records = chassis.read_global(&why))
+        long long ms = ms_since(since);
+        bool fresh = chassis.global_size(&why) == expected.size() || read_ms < 0 ||
+                     ms - read_ms >= view.refresh_ms();
+        if (auto records = fresh ? chassis.read_global(&why) : std::nullopt) {
             have = std::move(*records);
-        bool done = have == expected;
-        view.show(have, ms_since(since), done);
+            read_ms = ms;
+        }
+        bool done = fresh && have == expected;
+        view.show(have, ms, done);
         if (done)
             return Outcome::converged;
         if (Clock::now() > deadline)
@@ -1142,6 +1241,666 @@ void print_faults(const Chassis &chassis)
                times > 1 ? (" (" + std::to_string(times) + " times)").c_str() : "");
 }
 
+// ---------------------------------------------------------------- faults
+//
+// --fault NAME plays one fault on the chassis, from the fault table below. Every wait
+// has its deadline, and a fault that cannot be played as meant is itself a fault. The
+// run ends as any other: db 28 must hold exactly what the inputs give.
+
+struct FaultRun {
+    Chassis &chassis;
+    std::vector<Card> &cards; // a fault that changes inputs changes them here
+    Records &expected;
+    Records extra; // records of db 28 that no card gives: written there by the fault
+    Rng rng;
+    std::vector<std::pair<long, long>> usage; // per daemon: descriptors and VmRSS kB
+
+    bool fault(const std::string &what)
+    {
+        chassis.fault(what);
+        return false;
+    }
+    void expect_inputs()
+    {
+        expected = expected_records(cards);
+        expected.insert(extra.begin(), extra.end());
+    }
+    bool write(int card, Step step, int a = 0, int b = 0)
+    {
+        std::string why;
+        return chassis.write_input({card, step, a, b}, &why) ||
+               fault("card " + std::to_string(card + 1) + ": " + why);
+    }
+    // Runs `commands` on db `db` of card `card`'s store, or of the global one (card -1).
+    bool run(int card, int db, const std::vector<std::vector<std::string>> &commands)
+    {
+        Redis &r = card < 0 ? chassis.global_store() : chassis.card_store(card);
+        std::string why;
+        auto replies = r.pipeline(db, commands, &why);
+        for (const Reply &reply : replies)
+            if (reply->type == REDIS_REPLY_ERROR)
+                why = reply->str;
+        return (replies.size() == commands.size() && why.empty()) ||
+               fault(commands[0][0] + " on db " + std::to_string(db) + " of " +
+                     (card < 0 ? "the global store" : "card " + std::to_string(card + 1) + "'s") +
+                     " failed: " + why);
+    }
+    // Gives entry `j` of card `card` the value `value` and writes it to the card's store.
+    bool change_entry(int card, int j, int value)
+    {
+        cards[static_cast<size_t>(card)].entries[static_cast<size_t>(j)].fields["int32_value"] =
+            std::to_string(value);
+        return write(card, Step::entry, j);
+    }
+    std::string log(int card) const { return chassis.root(card) + "/var/log/vek_cap.log"; }
+};
+
+bool wait_until(const std::function<bool()> &done, std::chrono::milliseconds limit,
+                std::chrono::milliseconds every = 10ms)
+{
+    for (auto deadline = Clock::now() + limit; !done(); nap(every))
+        if (g_signal || Clock::now() > deadline)
+            return false;
+    return true;
+}
+
+std::string file_text(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+bool logged(FaultRun &f, int card, const std::string &text, std::chrono::milliseconds limit = 20s)
+{
+    return wait_until([&] { return file_text(f.log(card)).find(text) != std::string::npos; },
+                      limit) ||
+           f.fault("card " + std::to_string(card + 1) + "'s log never showed: " + text);
+}
+
+long descriptors(pid_t pid)
+{
+    std::error_code ec;
+    fs::directory_iterator dir("/proc/" + std::to_string(pid) + "/fd", ec);
+    return ec ? -1 : std::distance(dir, fs::directory_iterator());
+}
+
+long rss_kb(pid_t pid)
+{
+    std::string status = file_text("/proc/" + std::to_string(pid) + "/status");
+    size_t at = status.find("VmRSS:");
+    return at == std::string::npos ? -1 : atol(status.c_str() + at + 6);
+}
+
+// ---- the debug shell, spoken to directly
+
+struct ShellTalk {
+    explicit ShellTalk(std::string line, size_t hang_up = SIZE_MAX)
+        : request(std::move(line)), hang_up_after(hang_up)
+    {
+    }
+    std::string request;
+    size_t hang_up_after; // close once this much of the reply came: a client that vanishes
+    std::string reply;
+    bool ended = false; // the daemon closed the connection: its answer is complete
+    long long ms = -1;  // when it did
+};
+
+// Connects, sends and reads every talk with the shell at `socket` at once, within
+// `limit`. A request is sent as far as the daemon takes it: one it refuses early (a line
+// too long) is answered before it is all sent.
+void talk(const std::string &socket, std::vector<ShellTalk> &talks, std::chrono::milliseconds limit)
+{
+    auto t0 = Clock::now();
+    std::vector<int> fds;
+    std::vector<size_t> sent(talks.size(), 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket.c_str());
+    // Connecting waits while the daemon's backlog is full, up to `limit`.
+    timeval wait{static_cast<time_t>(limit.count() / 1000), 0};
+    for (size_t i = 0; i < talks.size(); ++i) {
+        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd >= 0 && (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait) != 0 ||
+                        connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
+                        fcntl(fd, F_SETFL, O_NONBLOCK) != 0))
+            close(fd), fd = -1;
+        fds.push_back(fd);
+    }
+    auto finish = [&](size_t i, bool ended) {
+        close(fds[i]);
+        fds[i] = -1;
+        talks[i].ended = ended;
+        talks[i].ms = ms_since(t0);
+    };
+    for (;;) {
+        std::vector<pollfd> polls;
+        std::vector<size_t> which;
+        for (size_t i = 0; i < talks.size(); ++i)
+            if (fds[i] >= 0) {
+                bool more = sent[i] < talks[i].request.size();
+                polls.push_back({fds[i], static_cast<short>(POLLIN | (more ? POLLOUT : 0)), 0});
+                which.push_back(i);
+            }
+        long long left = limit.count() - ms_since(t0);
+        if (polls.empty() || left <= 0 || poll(polls.data(), polls.size(), int(left)) < 0)
+            break;
+        for (size_t k = 0; k < polls.size(); ++k) {
+            size_t i = which[k];
+            ShellTalk &t = talks[i];
+            if (polls[k].revents & POLLOUT) {
+                ssize_t n = send(fds[i], t.request.data() + sent[i], t.request.size() - sent[i],
+                                 MSG_NOSIGNAL);
+                // A daemon that stopped reading takes no more: nothing more to send.
+                sent[i] = n > 0             ? sent[i] + size_t(n)
+                          : errno == EAGAIN ? sent[i]
+                                            : t.request.size();
+            }
+            if (!(polls[k].revents & (POLLIN | POLLHUP | POLLERR)))
+                continue;
+            char buf[4096];
+            ssize_t n = recv(fds[i], buf, sizeof buf, 0);
+            if (n > 0)
+                t.reply.append(buf, size_t(n));
+            if (n > 0 && t.reply.size() >= t.hang_up_after)
+                finish(i, false);
+            else if (n == 0 || (n < 0 && errno != EAGAIN)) // a reset follows a refused line
+                finish(i, n == 0 || errno == ECONNRESET);
+        }
+    }
+    for (int fd : fds)
+        if (fd >= 0)
+            close(fd);
+}
+
+std::string shell_socket(const FaultRun &f, int card)
+{
+    return f.chassis.root(card) + "/var/run/ssat/vek_cap.sock";
+}
+
+// Every daemon answers its debug shell within `limit`: its loop is not held. `slowest`
+// is raised to the slowest answer's milliseconds.
+bool shells_answer(FaultRun &f, std::chrono::milliseconds limit, long long *slowest = nullptr)
+{
+    bool ok = true;
+    std::vector<std::vector<ShellTalk>> talks(static_cast<size_t>(f.chassis.cards()));
+    for (int c = 0; c < f.chassis.cards(); ++c) {
+        talks[size_t(c)].emplace_back("show_time\n");
+        talk(shell_socket(f, c), talks[size_t(c)], limit);
+        const ShellTalk &t = talks[size_t(c)][0];
+        if (slowest)
+            *slowest = std::max(*slowest, t.ms);
+        if (!t.ended || !t.reply.starts_with("OK "))
+            ok = f.fault("card " + std::to_string(c + 1) + "'s debug shell did not answer within " +
+                         std::to_string(limit.count()) + " ms: '" + t.reply + "'");
+    }
+    return ok;
+}
+
+// ---- the faults
+
+// Changes every entry of card `card`, then writes its local ready record again, which has
+// it publish them, and runs `act` while it does: once a quarter of them is written, before
+// the last. The changes make the publication count: db 28 held the old values.
+bool amid_publication(FaultRun &f, int card, const std::string &what,
+                      const std::function<bool()> &act)
+{
+    const int entries = static_cast<int>(f.cards[size_t(card)].entries.size());
+    if (entries < 100)
+        return f.fault("--fault " + what + " needs 100 entries a card or more (--entries)");
+    auto hsets = [&f] {
+        std::string why;
+        auto work = server_work(f.chassis.global_store(), global_db, &why);
+        return work ? work->calls["hset"] : -1;
+    };
+    for (int attempt = 1; attempt <= 5; ++attempt) {
+        for (int j = 0; j < entries; ++j)
+            if (!f.change_entry(card, j, attempt * 1000 + j))
+                return false;
+        f.expect_inputs();
+        long long before = hsets();
+        if (before < 0 || !f.write(card, Step::ready))
+            return f.fault("cannot start card " + std::to_string(card + 1) + "'s publication");
+        long long done = 0;
+        wait_until([&] { return (done = hsets() - before) >= entries / 4; }, 20s, 1ms);
+        if (done >= entries / 4 && done < entries) {
+            printf("%s with %lld of card %d's %d entries written\n", what.c_str(), done, card + 1,
+                   entries);
+            fflush(stdout);
+            return act();
+        }
+        wait_until([&] { return hsets() - before > entries; }, 20s); // seen too late: again
+    }
+    return f.fault("card " + std::to_string(card + 1) + "'s publication was never seen under way");
+}
+
+bool global_restart(FaultRun &f)
+{
+    return amid_publication(f, 0, "the global Redis restarts", [&f] {
+        return f.chassis.restart_global() || f.fault("the global redis-server did not come back");
+    });
+}
+
+bool all_exited_77(FaultRun &f)
+{
+    return f.chassis.daemon_exits_77() == f.chassis.cards() ||
+           f.fault("the global restart made " + std::to_string(f.chassis.daemon_exits_77()) +
+                   " of " + std::to_string(f.chassis.cards()) + " daemons exit 77");
+}
+
+bool kill_daemon(FaultRun &f)
+{
+    return amid_publication(f, 0, "kill -9 of card 1's vek_cap",
+                            [&f] { return f.write(0, Step::kill); });
+}
+
+// Reconnects grow the daemon's heap to the shape they give it, most in the first kills:
+// after ten, 50 more add 40 to 60 kB. They must add less than rss_growth_kb; 2 kB kept
+// at each lost connection would add 200.
+constexpr int warm_up_rounds = 10;
+constexpr int kill_rounds = 50;
+constexpr long rss_growth_kb = 128;
+
+// Kills every connection of every daemon, on the global store and on each card's, again
+// and again, each time just after the cards' inputs changed.
+bool client_kill(FaultRun &f)
+{
+    const std::vector<std::vector<std::string>> kill_all = {{"CLIENT", "KILL", "TYPE", "normal"},
+                                                            {"CLIENT", "KILL", "TYPE", "pubsub"}};
+    for (int c = 0; c < f.chassis.cards(); ++c) // all connected now: every descriptor open
+        f.usage.emplace_back(descriptors(f.chassis.daemon_pid(c)), 0);
+    for (int round = 1; round <= warm_up_rounds + kill_rounds; ++round) {
+        for (int c = 0; c < f.chassis.cards() && round == warm_up_rounds + 1; ++c)
+            f.usage[size_t(c)].second = rss_kb(f.chassis.daemon_pid(c));
+        for (int c = 0; c < f.chassis.cards(); ++c) {
+            int entries = static_cast<int>(f.cards[size_t(c)].entries.size());
+            if (entries > 0 && !f.change_entry(c, round % entries, round))
+                return false;
+            if (!f.write(c, Step::ready))
+                return false;
+        }
+        nap(std::chrono::milliseconds(f.rng.below(6)));
+        for (int c = -1; c < f.chassis.cards(); ++c)
+            if (!f.run(c, c < 0 ? global_db : host_db, kill_all))
+                return false;
+        nap(std::chrono::milliseconds(20 + f.rng.below(100)));
+    }
+    printf("%d times every connection of every vek_cap killed\n", warm_up_rounds + kill_rounds);
+    f.expect_inputs();
+    return true;
+}
+
+// After client_kill, once converged and connected again: the descriptors it had, and no
+// memory grown beyond reason. A daemon built with AddressSanitizer grows by its allocator's
+// own bookkeeping and its quarantine of freed blocks (25 MB over 50 kills): its memory is
+// LeakSanitizer's to check, when it exits at the end of the run.
+bool same_usage(FaultRun &f)
+{
+    bool ok = true;
+    for (int c = 0; c < f.chassis.cards(); ++c) {
+        pid_t pid = f.chassis.daemon_pid(c);
+        auto [fds, rss] = f.usage[size_t(c)];
+        wait_until([&] { return descriptors(pid) == fds; }, 10s); // the last reconnects
+        long fds_now = descriptors(pid), rss_now = rss_kb(pid);
+        bool sanitized = file_text("/proc/" + std::to_string(pid) + "/maps").find("libasan") !=
+                         std::string::npos;
+        printf("card %d's vek_cap: %ld descriptors, VmRSS %ld kB (%ld and %ld kB before)%s\n",
+               c + 1, fds_now, rss_now, fds, rss,
+               sanitized ? "; built with AddressSanitizer: VmRSS left to LeakSanitizer" : "");
+        if (fds_now != fds || (!sanitized && rss_now > rss + rss_growth_kb) || rss_now < 0)
+            ok = f.fault("card " + std::to_string(c + 1) + "'s vek_cap went from " +
+                         std::to_string(fds) + " descriptors and " + std::to_string(rss) +
+                         " kB to " + std::to_string(fds_now) + " and " + std::to_string(rss_now));
+    }
+    return ok;
+}
+
+constexpr auto stall_time = 6s;   // the store stalls longer than the 2 s command timeout
+constexpr auto answer_limit = 4s; // twice the timeout: a loop held by the store takes longer
+constexpr const char *timed_out_line = "no answer within 2 s";
+
+// The global store stops answering for stall_time while every card republishes: each
+// daemon's call fails after the command timeout, and its debug shell answers all along.
+bool stall(FaultRun &f, bool pause)
+{
+    pid_t server = f.chassis.global_pid();
+    struct Resume {
+        pid_t pid;
+        ~Resume()
+        {
+            if (pid > 0)
+                kill(pid, SIGCONT);
+        }
+    } resume{pause ? -1 : server};
+    auto t0 = Clock::now();
+    if (pause ? !f.run(-1, 0, {{"CLIENT", "PAUSE", "6000", "ALL"}}) : kill(server, SIGSTOP) != 0)
+        return f.fault("cannot stall the global store");
+    for (int c = 0; c < f.chassis.cards(); ++c)
+        if ((!f.cards[size_t(c)].entries.empty() && !f.change_entry(c, 0, -7)) ||
+            !f.write(c, Step::ready))
+            return false;
+    f.expect_inputs();
+    bool ok = true;
+    long long slowest = 0;
+    while (Clock::now() < t0 + stall_time - answer_limit / 2 && ok)
+        ok = shells_answer(f, answer_limit, &slowest);
+    wait_until([&] { return Clock::now() > t0 + stall_time; }, stall_time);
+    printf("the global store %s for %lld ms; meanwhile every debug shell answered, the slowest "
+           "in %lld ms\n",
+           pause ? "paused" : "stopped", ms_since(t0), slowest);
+    for (int c = 0; c < f.chassis.cards() && ok; ++c)
+        ok = logged(f, c, timed_out_line);
+    return ok;
+}
+
+bool stop_global(FaultRun &f) { return stall(f, false); }
+bool pause_global(FaultRun &f) { return stall(f, true); }
+
+// Writes refused by the global store from the first input on: each is logged with its
+// code; once they are allowed again, one more input of each card publishes it whole.
+bool refuse(FaultRun &f, bool acl)
+{
+    return acl ? f.run(-1, 0, {{"ACL", "SETUSER", "default", "resetkeys", "%R~*"}})
+               : f.run(-1, 0,
+                       {{"CONFIG", "SET", "maxmemory-policy", "noeviction"},
+                        {"CONFIG", "SET", "maxmemory", "1"}});
+}
+
+bool refused_then_allowed(FaultRun &f, bool acl)
+{
+    for (int c = 0; c < f.chassis.cards(); ++c) {
+        if (!logged(f, c, "ready=1 failed rv -1006") ||
+            !logged(f, c, acl ? "the server refused: NOPERM" : "the server refused: OOM"))
+            return false;
+        for (const Subcard &s : f.cards[size_t(c)].subcards)
+            if (!logged(f, c, "node " + std::to_string(s.node) + ", ready=1 failed rv: -1006"))
+                return false;
+    }
+    printf("every card's writes were refused and logged with code -1006\n");
+    if (!(acl ? f.run(-1, 0, {{"ACL", "SETUSER", "default", "resetkeys", "~*"}})
+              : f.run(-1, 0, {{"CONFIG", "SET", "maxmemory", "0"}})))
+        return false;
+    for (int c = 0; c < f.chassis.cards(); ++c) {
+        if (!f.write(c, Step::ready))
+            return false;
+        for (int s = 0; s < static_cast<int>(f.cards[size_t(c)].subcards.size()); ++s)
+            if (!f.write(c, Step::subcard_state, s))
+                return false;
+    }
+    return true;
+}
+
+bool refuse_oom(FaultRun &f) { return refuse(f, false); }
+bool refuse_acl(FaultRun &f) { return refuse(f, true); }
+bool allow_oom(FaultRun &f) { return refused_then_allowed(f, false); }
+bool allow_acl(FaultRun &f) { return refused_then_allowed(f, true); }
+
+// A malformed record in a table a daemon reads, and the line its log must show for it.
+// Records of a table of one record are written once the chassis converged, one at a time,
+// each followed by the good record again; the others before the first input, beside the
+// good records.
+struct BadRecord {
+    const char *what;
+    int card; // whose log; its store, or the global one for db 28
+    int db;
+    std::vector<std::vector<std::string>> write;
+    std::string logged;
+    std::vector<std::vector<std::string>> good = {}; // a single record: written back after
+};
+
+std::vector<BadRecord> bad_records(const std::vector<Card> &cards)
+{
+    const Card &c = cards[0];
+    const std::string node = std::to_string(c.node), sub = std::to_string(c.subcards[0].node);
+    const std::string big(1 << 20, 'v');
+    auto good = [&](int card, Step step, int a = 0) {
+        return input_command(cards[size_t(card)], {card, step, a}).second;
+    };
+    std::vector<BadRecord> bad = {
+        {"bad integer",
+         0,
+         host_db,
+         {{"HSET", "p_libpub.cap_table|/bad/int", "int32_value", "12x", "str_value", "x"}},
+         "'p_libpub.cap_table|/bad/int' field 'int32_value': not an int32 ('12x')"},
+        {"bad bool",
+         0,
+         host_db,
+         {{"HSET", "p_libpub.cap_table|/bad/bool", "bool_value", "maybe", "str_value", "x"}},
+         "'p_libpub.cap_table|/bad/bool' field 'bool_value': not a bool ('maybe')"},
+        {"unknown field",
+         0,
+         host_db,
+         {{"HSET", "p_libpub.cap_table|" + key_part(c.entries[0].url), "colour", "red"}},
+         "field 'colour' is not a field of p_libpub.cap_table, ignored"},
+        {"bad key escape",
+         0,
+         host_db,
+         {{"HSET", "p_libpub.cap_table|/bad%zz", "str_value", "x"}},
+         "scan skips bad key 'p_libpub.cap_table|/bad%zz'"},
+        {"256-byte url",
+         0,
+         host_db,
+         {{"HSET", "p_libpub.cap_table|/" + std::string(255, 'u'), "str_value", "x"}},
+         "tmp->index->url len too long 256!"},
+        {"wrong type",
+         0,
+         host_db,
+         {{"SET", "p_libpub.cap_table|/bad/type", "x"}},
+         "'p_libpub.cap_table|/bad/type': the server refused: WRONGTYPE"},
+        {"1 MiB value",
+         0,
+         host_db,
+         {{"HSET", "p_libpub.cap_table|/bad/big", "str_value", big}},
+         "'p_libpub.cap_table|/bad/big': 1048585 bytes stored, more than the 65536"},
+        {"bad integer in a key",
+         0,
+         host_db,
+         {{"HSET", "p_libpub.cap_subcard_table|x" + sub + "|/u", "str_value", "x"}},
+         "scan skips bad key 'p_libpub.cap_subcard_table|x" + sub + "|/u'"},
+        {"bad bool",
+         0,
+         host_db,
+         {{"HSET", "p_libpub.cap_subcard_table|" + sub + "|/bad", "bool_value", "maybe"}},
+         "'p_libpub.cap_subcard_table|" + sub + "|/bad' field 'bool_value': not a bool ('maybe')"},
+        {"bad bool",
+         0,
+         host_db,
+         {{"HSET", "p_libpub.cap_subcard_state|4000|7", "is_preinstall", "maybe"}},
+         "'p_libpub.cap_subcard_state|4000|7' field 'is_preinstall': not a bool ('maybe')"},
+        {"wrong type",
+         0,
+         host_db,
+         {{"SET", "p_libpub.cap_subcard_state|4001|7", "x"}},
+         "'p_libpub.cap_subcard_state|4001|7': the server refused: WRONGTYPE"},
+        {"bad integer in a key",
+         0,
+         global_db,
+         {{"HSET", "s_frame.cap_del_fe_ready|" + node + "|x", "ready", "true"}},
+         "skips bad key 's_frame.cap_del_fe_ready|" + node + "|x'"},
+        {"garbage whole value",
+         0,
+         host_db,
+         {{"SET", "p_libpub.cap_state", "\xff\xfe garbage"}},
+         "the value does not unpack as p_libpub.cap_state",
+         {good(0, Step::ready)}},
+        {"wrong type",
+         0,
+         host_db, // renamed into place: a read follows a rename as a set
+         {{"HSET", "cap_state.tmp", "ready", "true"},
+          {"RENAME", "cap_state.tmp", "p_libpub.cap_state"}},
+         "'p_libpub.cap_state': the server refused: WRONGTYPE",
+         {{"DEL", "p_libpub.cap_state"}, good(0, Step::ready)}},
+        {"1 MiB value",
+         0,
+         host_db,
+         {{"SET", "p_libpub.cap_state", big}},
+         "'p_libpub.cap_state': 1048576 bytes stored, more than the 4096",
+         {good(0, Step::ready)}},
+        {"bad integer",
+         0,
+         tunner_db,
+         {{"HSET", "p_dev.dp_lib_my_info", "card_nodeid", "16x"}},
+         "field 'card_nodeid': not an int32 ('16x')",
+         {good(0, Step::identity)}},
+        {"integer out of range",
+         0,
+         tunner_db,
+         {{"HSET", "p_dev.dp_lib_my_chss_info", "devid", "99999999999"}},
+         "field 'devid': int32 out of range ('99999999999')",
+         {good(0, Step::devid)}},
+    };
+    // A dependency module's record: of the first card that has one.
+    for (int k = 0; k < static_cast<int>(cards.size()); ++k)
+        if (!cards[size_t(k)].modules.empty()) {
+            std::string key = "s_frame.cap_dep|" + key_part(cards[size_t(k)].modules[0]);
+            bad.push_back({"bad bool",
+                           k,
+                           host_db,
+                           {{"HSET", key, "ready", "maybe"}},
+                           "'" + key + "' field 'ready': not a bool ('maybe')",
+                           {good(k, Step::module)}});
+            break;
+        }
+    return bad;
+}
+
+bool write_bad(FaultRun &f, const BadRecord &b, const std::vector<std::vector<std::string>> &what)
+{
+    return f.run(b.db == global_db ? -1 : b.card, b.db, what);
+}
+
+bool malformed_before(FaultRun &f)
+{
+    if (f.cards[0].entries.empty() || f.cards[0].subcards.empty())
+        return f.fault("--fault malformed needs entries and a subcard a card");
+    for (const BadRecord &b : bad_records(f.cards)) {
+        if (!b.good.empty())
+            continue;
+        if (!write_bad(f, b, b.write))
+            return false;
+        if (b.db == global_db) // no card gives it, and no daemon takes it away
+            f.extra[b.write[0][1]] = {{b.write[0][2], b.write[0][3]}};
+    }
+    f.expect_inputs();
+    return true;
+}
+
+bool malformed_after(FaultRun &f)
+{
+    auto bad = bad_records(f.cards);
+    for (const BadRecord &b : bad)
+        if (!b.good.empty() && (!write_bad(f, b, b.write) || !logged(f, b.card, b.logged, 10s) ||
+                                !write_bad(f, b, b.good)))
+            return false;
+    for (const BadRecord &b : bad)
+        if (b.good.empty() && !logged(f, b.card, b.logged, 10s))
+            return false;
+    printf("%zu malformed records, each logged\n", bad.size());
+    return true;
+}
+
+// Runs `argv` to its end (killed after 10 s): its exit status, what it wrote in `*out`.
+int run_tool(Chassis &chassis, const std::vector<std::string> &argv,
+             const std::vector<std::string> &env, std::string *out)
+{
+    std::string path = chassis.dir() + "/tool.out";
+    unlink(path.c_str());
+    pid_t pid = spawn(argv, child_env(env), path, chassis.group(), true);
+    int status = -1;
+    wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 10s) ||
+        (kill(pid, SIGKILL), waitpid(pid, &status, 0));
+    *out = file_text(path);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Card 1's debug shell is abused; each abuse is refused or served, and every daemon still
+// answers after.
+bool shell_abuse(FaultRun &f)
+{
+    const std::string socket = shell_socket(f, 0);
+    std::vector<ShellTalk> talks = {ShellTalk(std::string(1 << 20, 'a') + "\n"),
+                                    ShellTalk("show_time\x01\xff\n")};
+    talk(socket, talks, 10s);
+    bool ok = (talks[0].ended && talks[0].reply.starts_with("ERR line longer than 4096 bytes")) ||
+              f.fault("a 1 MiB line got '" + talks[0].reply.substr(0, 80) + "'");
+    ok = ((talks[1].ended && talks[1].reply.starts_with("ERR line holds bytes")) ||
+          f.fault("a line of binary bytes got '" + talks[1].reply + "'")) &&
+         ok;
+    talks.assign(200, ShellTalk("show_time\n"));
+    for (int i = 0; i < 20; ++i) // and twenty more that vanish after the first bytes of a dump
+        talks.emplace_back("dump_all\n", 16);
+    talk(socket, talks, 20s);
+    int served = 0, turned_away = 0;
+    for (size_t i = 0; i < 200; ++i) {
+        served += talks[i].ended && talks[i].reply.starts_with("OK ");
+        turned_away += talks[i].ended && talks[i].reply == "ERR too many clients, try again\n";
+    }
+    printf("200 clients at once: %d served, %d turned away\n", served, turned_away);
+    if (served + turned_away != 200)
+        ok = f.fault("of 200 clients at once, " + std::to_string(200 - served - turned_away) +
+                     " were neither served nor turned away");
+    // Another user: the socket's directory keeps it out; let in as far as the socket, the
+    // daemon refuses it.
+    const std::string ssat = tools_dir() + "/ssat", run_dir = f.chassis.root(0) + "/var/run/ssat";
+    const std::vector<std::string> as_nobody = {
+        "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+        ssat,      "vek_cap",       "show_time"};
+    const std::vector<std::string> env = {"KX_ROOT=" + f.chassis.root(0)};
+    std::string out;
+    int status = run_tool(f.chassis, as_nobody, env, &out);
+    if (status != 3 || out.find("Permission denied") == std::string::npos)
+        ok = f.fault("another user reached the debug shell: status " + std::to_string(status) +
+                     ", '" + out + "'");
+    chmod(f.chassis.dir().c_str(), 0711);
+    chmod(run_dir.c_str(), 0711);
+    chmod(socket.c_str(), 0666);
+    status = run_tool(f.chassis, as_nobody, env, &out);
+    chmod(socket.c_str(), 0600);
+    chmod(run_dir.c_str(), 0700);
+    chmod(f.chassis.dir().c_str(), 0700);
+    if (status != 1 || out.find("permission denied") == std::string::npos)
+        ok = f.fault("the daemon did not refuse another user: status " + std::to_string(status) +
+                     ", '" + out + "'");
+    return shells_answer(f, answer_limit) && ok;
+}
+
+struct Fault {
+    const char *name;
+    const char *what;
+    bool (*before)(FaultRun &);         // before the first input
+    bool (*after_play)(FaultRun &);     // once every input is written
+    bool (*after_converge)(FaultRun &); // once db 28 is exact; it must converge again after
+    bool (*settled)(FaultRun &);        // once it has
+};
+
+constexpr Fault faults[] = {
+    {"global-restart", "the global Redis restarts while card 1 publishes (--entries 100+)", nullptr,
+     nullptr, global_restart, all_exited_77},
+    {"kill-daemon", "kill -9 of card 1's vek_cap while it publishes (--entries 100+)", nullptr,
+     nullptr, kill_daemon, nullptr},
+    {"client-kill", "every connection of every vek_cap killed 50 times while inputs change",
+     nullptr, nullptr, client_kill, same_usage},
+    {"stop-global", "the global Redis stopped (SIGSTOP) for 6 s while every card publishes",
+     nullptr, nullptr, stop_global, nullptr},
+    {"pause-global", "the global Redis paused (CLIENT PAUSE) for 6 s while every card publishes",
+     nullptr, nullptr, pause_global, nullptr},
+    {"maxmemory", "the global Redis refuses writes (maxmemory), then allows them", refuse_oom,
+     allow_oom, nullptr, nullptr},
+    {"read-only-user", "the global Redis's user may only read, then may write", refuse_acl,
+     allow_acl, nullptr, nullptr},
+    {"malformed", "malformed records in every table the daemons read", malformed_before, nullptr,
+     malformed_after, nullptr},
+    {"shell-abuse", "card 1's debug shell abused: long and binary lines, 200 clients, another user",
+     nullptr, nullptr, shell_abuse, nullptr},
+};
+
+const Fault *find_fault(const std::string &name)
+{
+    for (const Fault &f : faults)
+        if (name == f.name)
+            return &f;
+    return nullptr;
+}
+
 // Stops everything: true when the daemons stopped cleanly and left db 28 exactly as
 // expected, nothing went wrong on the way and no process is left.
 bool stop_and_check(Chassis &chassis, const Records &expected, bool exact)
@@ -1164,12 +1923,15 @@ bool stop_and_check(Chassis &chassis, const Records &expected, bool exact)
 }
 
 // Runs the chassis; the exit status. `kept` when everything is left running.
-int run(const Options &o, const std::vector<Card> &cards, const std::vector<Input> &inputs,
+int run(const Options &o, std::vector<Card> &cards, const std::vector<Input> &inputs,
         const std::string &dir, bool *kept)
 {
     Records expected = expected_records(cards);
     Chassis chassis(o, cards, dir);
     View view(cards, expected, o.seed);
+    const Fault *fault = find_fault(o.fault);
+    FaultRun fr{chassis, cards, expected, {}, Rng{std::mt19937_64(o.seed + 1)}, {}};
+    bool fault_ok = true; // the fault played as meant, so far
     auto fail = [&](const std::string &why) {
         chassis.stop_all();
         print_faults(chassis);
@@ -1179,23 +1941,33 @@ int run(const Options &o, const std::vector<Card> &cards, const std::vector<Inpu
     };
     if (!chassis.start_servers())
         return fail(g_signal ? "interrupted" : "");
+    if (fault)
+        printf("fault %s: %s\n", fault->name, fault->what);
+    if (fault && fault->before && !fault->before(fr))
+        return fail("");
     printf("%zu cards started their Redis; %zu inputs follow in random order\n", cards.size(),
            inputs.size());
     fflush(stdout);
 
     Records have;
-    auto t0 = Clock::now();
     std::string why;
+    auto work_before = server_work(chassis.global_store(), global_db, &why);
+    auto t0 = Clock::now();
     if (!chassis.play(inputs, &why))
         return fail(g_signal ? "interrupted" : why);
     long long played_ms = ms_since(t0);
-    Outcome out = converge(chassis, view, expected, t0, o.timeout_s, have);
+    if (fault && fault->after_play)
+        fault_ok = fault->after_play(fr);
+    Outcome out =
+        fault_ok ? converge(chassis, view, expected, t0, o.timeout_s, have) : Outcome::failed;
     long long converged_ms = ms_since(t0);
     if (out == Outcome::converged) {
-        printf(
-            "db 28 holds exactly the %zu expected records: %lld ms after the first input (inputs "
-            "written in %lld ms)\n",
-            expected.size(), converged_ms, played_ms);
+        printf("db 28 holds exactly the %zu expected records: %lld ms after the first input, "
+               "%lld ms after the last (inputs written in %lld ms)\n",
+               expected.size(), converged_ms, converged_ms - played_ms, played_ms);
+        if (auto work_after = server_work(chassis.global_store(), global_db, &why); work_before)
+            printf("the global Redis, from the first input until then: %s\n",
+                   work_after ? work_text(*work_before, *work_after).c_str() : why.c_str());
         if (o.restart_global) {
             printf("restarting the global Redis: every vek_cap is to exit 77 and start again\n");
             fflush(stdout);
@@ -1213,10 +1985,21 @@ int run(const Options &o, const std::vector<Card> &cards, const std::vector<Inpu
                               std::to_string(o.cards) + " daemons exit 77");
         }
     }
+    if (out == Outcome::converged && fault && fault->after_converge) {
+        auto t1 = Clock::now();
+        fault_ok = fault->after_converge(fr);
+        out = fault_ok ? converge(chassis, view, expected, t1, o.timeout_s, have) : Outcome::failed;
+        if (out == Outcome::converged)
+            printf("db 28 holds exactly the %zu expected records again, %lld ms after the fault "
+                   "began\n",
+                   expected.size(), ms_since(t1));
+        if (out == Outcome::converged && fault->settled)
+            fault_ok = fault->settled(fr);
+    }
     if (out == Outcome::interrupted)
         return fail("interrupted");
-    bool exact = out == Outcome::converged;
-    if (!exact) {
+    bool exact = out == Outcome::converged && fault_ok;
+    if (out != Outcome::converged && fault_ok) {
         printf("db 28 does not hold what the inputs give:\n");
         print_difference(expected, have);
     }
@@ -1253,6 +2036,13 @@ int main(int argc, char **argv)
     if (auto why = parse_options(argc, argv, o, seed_given)) {
         fprintf(stderr, "vek_chassis: %s\n%s", why->c_str(), usage_text);
         return exit_usage;
+    }
+    if (!o.fault.empty() && !find_fault(o.fault)) {
+        if (o.fault != "help")
+            fprintf(stderr, "vek_chassis: no fault '%s'; the faults are:\n", o.fault.c_str());
+        for (const Fault &f : faults)
+            fprintf(o.fault == "help" ? stdout : stderr, "  %-15s %s\n", f.name, f.what);
+        return o.fault == "help" ? 0 : exit_usage;
     }
     if (!seed_given)
         o.seed = std::random_device{}() % 1000000;

@@ -484,6 +484,9 @@ int32_t decode_into(kx_mom_hash_res *res, std::string_view key,
     for (const FieldValue &fv : fields) {
         const ProtobufCFieldDescriptor *f =
             protobuf_c_message_descriptor_get_field_by_name(table, std::string(fv.name).c_str());
+        if (!f && error->empty()) // a writer's typo, or a field of a newer schema
+            *error = "key '" + printable(key) + "': field '" + printable(fv.name) +
+                     "' is not a field of " + table->name + ", ignored";
         if (!f || f == idx || !storable(f))
             continue;
         const char *why = "";

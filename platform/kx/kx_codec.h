@@ -168,7 +168,8 @@ struct FieldValue {
 
 // Decodes a hash read from `key` (a key of `table`) into a hash result: obj with
 // the index from the key and the fields present, field_tag their numbers in the
-// order given (unknown names, and a field named like the index, are ignored).
+// order given (unknown names, and a field named like the index, are ignored; the
+// first unknown name is named in `*error` all the same, for a warning).
 // A key that does not parse, fields beyond the table's size limit, or a value that
 // does not fit its field gives error_code KX_MOM_EPROTO, no obj, no field_tag, and
 // `*error` names the key and the field; an allocation that fails gives KX_MOM_ENOMEM.

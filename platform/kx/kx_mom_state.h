@@ -16,6 +16,8 @@
 #ifndef KX_MOM_STATE_H
 #define KX_MOM_STATE_H
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <list>
@@ -75,14 +77,36 @@ struct Route {
     bool pending = false; // its (P)SUBSCRIBE is queued or sent, not yet answered
 };
 
+// The keys a scan has taken, as 64-bit hashes: the server may give a key on two pages,
+// and the repeat is dropped. Two keys of one table hashing alike would lose a delivery:
+// at 100,000 keys the chance is below one in 10^9 per scan. The hashes are kept sorted in
+// 256 parts chosen by their top byte, each grown by an eighth at a time, so that the set
+// never holds a second copy of itself while it grows: one sorted vector doubling to
+// 10,000 keys takes 192 KiB for a moment, these parts about 90 KiB.
+class SeenKeys {
+public:
+    // True when `hash` was not seen before; it is seen from now on.
+    bool insert(uint64_t hash)
+    {
+        std::vector<uint64_t> &part = parts_[hash >> 56];
+        auto at = std::ranges::lower_bound(part, hash) - part.begin();
+        if (at < std::ssize(part) && part[static_cast<size_t>(at)] == hash)
+            return false;
+        if (part.size() == part.capacity())
+            part.reserve(part.size() + part.size() / 8 + 4);
+        part.insert(part.begin() + at, hash);
+        return true;
+    }
+
+private:
+    std::array<std::vector<uint64_t>, 256> parts_;
+};
+
 // A scan delivering records now, one SCAN page at a time: the page's keys not taken
 // before are read in batches and delivered, then the next page is listed, so that a
-// scan holds one page of keys, not the whole table. The server may give a key on two
-// pages; `seen` (the 64-bit hashes of the keys taken, sorted) drops the repeat. Two keys
-// of one table hashing alike would lose a delivery: at 100,000 keys the chance is below
-// one in 10^9 per scan. Deletions made meanwhile through kx_mom_del_sync on its
-// database are noted so that a record already read is not delivered after a callback
-// deleted it.
+// scan holds one page of keys, not the whole table. Deletions made meanwhile through
+// kx_mom_del_sync on its database are noted so that a record already read is not
+// delivered after a callback deleted it.
 struct ScanWork {
     kx_global *global = nullptr;
     int32_t db = 0;
@@ -90,8 +114,9 @@ struct ScanWork {
     std::string glob;    // what the listing matches, or the one key
     bool listed = false; // true once SCAN is back at cursor 0 (or one key is taken)
     std::string cursor = "0";
+    size_t reach = 0;                // the COUNT of the next SCAN call (kx_mom.cpp)
     std::deque<std::string> pending; // keys taken, not yet read
-    std::vector<uint64_t> seen;
+    SeenKeys seen;
     kx_mom_cb cb = nullptr;
     void *privdata = nullptr;
     std::unordered_set<std::string> deleted;
