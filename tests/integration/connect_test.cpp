@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <sstream>
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -86,29 +87,19 @@ TEST(Connect, EachDatabaseHasItsOwnCredentialsAndThePasswordMayComeFromAFile)
     const std::string good = dir / "good", bad = dir / "bad", none = dir / "none";
     write_file(good, "p4ss-in-file\r\nsecond line\n");
     write_file(bad, "n0t-it\n");
-    // "_N" stands for the database of the case: each its own, none connected before.
-    const struct {
-        Env settings;
-        std::string said;
-    } cases[] = {
-        {{{"KX_MOM_USER_N", "card16"},
-          {"KX_MOM_PASSWORD_FILE_N", bad},
-          {"KX_MOM_PASSWORD", "p4ss-in-file"}},
+    // KX_MOM_ settings, and what the connect logs; "_N" stands for the case's database,
+    // each its own, so that none is connected already.
+    const std::pair<std::string, std::string> cases[] = {
+        {"USER_N=card16 PASSWORD_FILE_N=" + bad + " PASSWORD=p4ss-in-file",
          "AUTH as 'card16' refused: WRONGPASS invalid username-password pair or user is "
          "disabled."},
-        {{{"KX_MOM_USER_N", "card16"},
-          {"KX_MOM_PASSWORD_N", "x"},
-          {"KX_MOM_PASSWORD_FILE_N", good}},
+        {"USER_N=card16 PASSWORD_N=x PASSWORD_FILE_N=" + good,
          "KX_MOM_PASSWORD_N and KX_MOM_PASSWORD_FILE_N are both set"},
-        {{{"KX_MOM_USER_N", "card16"}, {"KX_MOM_PASSWORD_FILE_N", none}},
+        {"USER_N=card16 PASSWORD_FILE_N=" + none,
          "cannot read KX_MOM_PASSWORD_FILE_N '" + none + "': No such file or directory"},
-        {{{"KX_MOM_USER_N", "card16"}}, "KX_MOM_USER_N is set without KX_MOM_PASSWORD_N"},
-        {{{"KX_MOM_USER", "nobody"},
-          {"KX_MOM_PASSWORD", "n0t-it"},
-          {"KX_MOM_USER_N", "card16"},
-          {"KX_MOM_PASSWORD_FILE_N", good}},
-         ""},
-        {{{"KX_MOM_USER", "card16"}, {"KX_MOM_PASSWORD_FILE", good}}, ""},
+        {"USER_N=card16", "KX_MOM_USER_N is set without KX_MOM_PASSWORD_N"},
+        {"USER=nobody PASSWORD=n0t-it USER_N=card16 PASSWORD_FILE_N=" + good, ""},
+        {"USER=card16 PASSWORD_FILE=" + good, ""},
     };
     kx_global_t *g = kx_global_init("connect_test", nullptr);
     int32_t db = 2;
@@ -119,11 +110,12 @@ TEST(Connect, EachDatabaseHasItsOwnCredentialsAndThePasswordMayComeFromAFile)
             return text;
         };
         Env env = {{"KX_MOM_ADDR", server.addr()}};
-        for (const auto &[name, value] : settings)
-            env[own(name)] = value;
-        std::string db_at = "db " + std::to_string(db) + ": " + server.addr() + ": ";
+        std::istringstream words(own(settings));
+        for (std::string w; words >> w;)
+            env["KX_MOM_" + w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
+        std::string at = "db " + std::to_string(db) + ": " + server.addr() + ": ";
         EXPECT_EQ(connect(g, db, env),
-                  said.empty() ? "0 " : "-1007 kx_mom: " + db_at + own(said) + "\n");
+                  said.empty() ? "0 " : "-1007 kx_mom: " + at + own(said) + "\n");
         ++db;
     }
     kx_global_finish(g);
