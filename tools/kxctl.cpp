@@ -55,8 +55,10 @@ constexpr const char *usage_head =
     "chassis lists the cards, then the subcards, by node; a node with global entries but no\n"
     "ready record is listed by its entries' key (s_frame.cap_glb_table|16 entries=3). The\n"
     "chassis database does not say which card holds a subcard.\n"
-    "The store is $KX_MOM_ADDR (or $KX_MOM_ADDR_<db>), e.g. unix:/run/redis.sock or\n"
-    "tcp:127.0.0.1:6379.\n"
+    "The store is $KX_MOM_ADDR (or $KX_MOM_ADDR_<db>), e.g. unix:/run/redis.sock,\n"
+    "tcp:127.0.0.1:6379 or sentinel:10.0.0.1:26379,10.0.0.2:26379/vek_global (the primary\n"
+    "the sentinels name), as $KX_MOM_USER with $KX_MOM_PASSWORD or the first line of\n"
+    "$KX_MOM_PASSWORD_FILE (each also as ..._<db>).\n"
     "Output: one record a line, `KEY field=value ...`, or one JSON object with --json.\n"
     "Exit status: 0 done, 1 store failure or no such record, 2 bad usage or input.\n";
 

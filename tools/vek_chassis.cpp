@@ -4,8 +4,10 @@
 // drawn from a seed, shows database 28 converging, and checks that it then holds exactly
 // the records those inputs give: nothing missing, nothing stray, no field more or less.
 // Daemons that exit are started again as systemd would (Restart=on-failure); faults can
-// be injected. Everything lives in one temporary directory and one process group, both
-// gone at the end. The last line says how it went, for tools to read:
+// be injected. The global store may be a primary with a replica and three sentinels
+// (--sentinel), and confine each card to its own records with a generated ACL (--acl).
+// Everything lives in one temporary directory and one process group, both gone at the
+// end. The last line says how it went, for tools to read:
 //     converged 8 cards, 64 records in 412 ms
 //     not converged: 8 cards, 60 of 64 records after 60000 ms
 #include <algorithm>
@@ -27,8 +29,10 @@
 #include <string_view>
 #include <vector>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <hiredis/hiredis.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
@@ -61,6 +65,7 @@ constexpr const char *usage_text =
     "usage: vek_chassis [-n CARDS] [--entries E] [--subcards S] [--subcard-entries E]\n"
     "                   [--seed SEED] [--timeout SECONDS] [--keep] [--restart-global]\n"
     "                   [--kill-daemon CARD] [--daemon PATH] [--redis-conf FILE] [--fault NAME]\n"
+    "                   [--sentinel [--kill-primary]] [--acl]\n"
     "Runs a chassis of CARDS cards (1-64, default 8) on this host: a global Redis, and per\n"
     "card a Redis and a vek_cap. Each card has E capability entries (default 4), S subcards\n"
     "(0-15, default 1) of E entries each (default 2) and 0 to 3 dependency modules; its\n"
@@ -75,6 +80,14 @@ constexpr const char *usage_text =
     "  --daemon PATH     the vek_cap to run (default: vek_cap from PATH)\n"
     "  --redis-conf FILE settings every Redis starts from (databases, notifications...)\n"
     "  --fault NAME      play a fault once the inputs are written (--fault help lists them)\n"
+    "  --sentinel        the global store is a primary with a replica and three sentinels,\n"
+    "                    which the daemons ask for the primary\n"
+    "  --kill-primary    once converged, kill -9 the primary after emptying the replica's\n"
+    "                    db 28: every vek_cap exits 77 on the promoted replica, is started\n"
+    "                    again, and db 28 on the new primary must converge again\n"
+    "  --acl             the global store's users come from vek_cap-acl (found in PATH):\n"
+    "                    each vek_cap is its card's user; card 1's user must be refused\n"
+    "                    every change to card 2's records, the operator's not\n"
     "Exit status: 0 converged exactly, 1 not (or a daemon failed), 2 bad usage, 130 Ctrl-C.\n";
 
 volatile sig_atomic_t g_signal = 0;
@@ -104,6 +117,9 @@ struct Options {
     int timeout_s = 60;
     bool keep = false;
     bool restart_global = false;
+    bool sentinel = false;
+    bool kill_primary = false;
+    bool acl = false;
     int kill_daemon = 0; // the card's number, 0 for none
     std::string daemon = "vek_cap";
     std::string redis_conf;
@@ -140,6 +156,10 @@ std::optional<std::string> parse_options(int argc, char **argv, Options &o, bool
             (a == "--keep" ? o.keep : o.restart_global) = true;
             continue;
         }
+        if (a == "--sentinel" || a == "--kill-primary" || a == "--acl") {
+            (a == "--sentinel" ? o.sentinel : a == "--acl" ? o.acl : o.kill_primary) = true;
+            continue;
+        }
         const Int *option = nullptr;
         for (const Int &x : ints)
             option = a == x.name ? &x : option;
@@ -168,6 +188,15 @@ std::optional<std::string> parse_options(int argc, char **argv, Options &o, bool
     if (o.kill_daemon > o.cards)
         return "--kill-daemon names card " + std::to_string(o.kill_daemon) + " of " +
                std::to_string(o.cards);
+    if (o.kill_primary && !o.sentinel)
+        return "--kill-primary needs --sentinel";
+    if (o.sentinel && o.restart_global)
+        return "--restart-global and --sentinel do not go together: use --kill-primary";
+    if (o.acl && o.cards < 2)
+        return "--acl needs two cards at least";
+    if (!o.fault.empty() && o.fault != "help" && (o.sentinel || o.acl))
+        return "--fault plays on one global Redis with its default user: not with --sentinel "
+               "or --acl";
     return std::nullopt;
 }
 
@@ -383,18 +412,30 @@ struct ContextFree {
     void operator()(redisContext *c) const { redisFree(c); }
 };
 
-// A connection to one server by its Unix socket, made again after it broke.
+// A connection to one server by its Unix socket, made again after it broke; as `user`
+// when one is given.
 class Redis {
 public:
-    explicit Redis(std::string socket = {}) : socket_(std::move(socket)) {}
+    explicit Redis(std::string socket = {}, std::string user = {}, std::string password = {})
+        : socket_(std::move(socket)), user_(std::move(user)), password_(std::move(password))
+    {
+    }
 
     bool connect(std::string *why)
     {
         ctx_.reset(redisConnectUnixWithTimeout(socket_.c_str(), connect_timeout));
         db_ = 0;
-        if (ctx_ && !ctx_->err && redisSetTimeout(ctx_.get(), command_timeout) == REDIS_OK)
-            return true;
-        *why = ctx_ ? ctx_->errstr : "out of memory";
+        if (ctx_ && !ctx_->err && redisSetTimeout(ctx_.get(), command_timeout) == REDIS_OK) {
+            Reply auth(user_.empty()
+                           ? nullptr
+                           : static_cast<redisReply *>(redisCommand(
+                                 ctx_.get(), "AUTH %s %s", user_.c_str(), password_.c_str())));
+            if (user_.empty() || (auth && auth->type != REDIS_REPLY_ERROR))
+                return true;
+            *why = auth ? "AUTH as " + user_ + ": " + auth->str : ctx_->errstr;
+        } else {
+            *why = ctx_ ? ctx_->errstr : "out of memory";
+        }
         ctx_.reset();
         return false;
     }
@@ -459,6 +500,7 @@ private:
     }
 
     std::string socket_;
+    std::string user_, password_;
     std::unique_ptr<redisContext, ContextFree> ctx_;
     int db_ = 0;
     std::map<std::string, long long> sent_;
@@ -627,6 +669,27 @@ pid_t spawn(const std::vector<std::string> &argv, const std::vector<std::string>
     _exit(127);
 }
 
+// The name the sentinels know the global primary by (--sentinel).
+constexpr const char *sentinel_master = "vek_global";
+
+// A TCP port of the loopback that is free now, for a server to listen on; 0 when there
+// is none.
+int free_port()
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    int port = 0;
+    if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0)
+        port = ntohs(a.sin_port);
+    if (fd >= 0)
+        close(fd);
+    return port;
+}
+
 // ---------------------------------------------------------------- the chassis
 
 struct CardRun {
@@ -667,6 +730,10 @@ public:
     bool start_servers();
     bool play(const std::vector<Input> &inputs, std::string *why);
     bool restart_global();
+    bool kill_primary();
+    bool failed_over();
+    bool confine(const Records &expected);
+    void no_daemon_refused();
     void reap();
     std::optional<Records> read_global(std::string *why)
     {
@@ -696,8 +763,14 @@ public:
     pid_t global_pid() const { return global_.pid; }
 
 private:
-    bool start_redis(Child &c, const std::string &dir);
+    bool start_redis(Child &c, const std::string &dir, const std::vector<std::string> &extra = {});
     bool answers(Child &server, Redis &conn, const std::string &log, Clock::time_point deadline);
+    std::vector<Child *> global_servers();
+    bool make_acl();
+    std::string password(const std::string &user) const;
+    Redis as_operator(const std::string &socket) const;
+    bool start_failover(Clock::time_point deadline);
+    bool sentinels_ready();
     void start_daemon(CardRun &r);
     bool stop(std::vector<Child *> children);
     void ended(Child &c, int status);
@@ -713,20 +786,33 @@ private:
     int exits_77_ = 0;
     bool global_restarted_ = false;
     bool broken_ = false; // a Redis ended unasked, or a daemon for good
+    // --sentinel: the global store's replica and sentinels, and the TCP ports of all.
+    Child replica_;
+    std::vector<Child> sentinels_;
+    int primary_port_ = 0, replica_port_ = 0;
+    std::vector<int> sentinel_ports_;
 };
 
-bool Chassis::start_redis(Child &c, const std::string &dir)
+bool Chassis::start_redis(Child &c, const std::string &dir, const std::vector<std::string> &extra)
 {
     fs::create_directories(dir);
+    std::string conf = o_.redis_conf;
+    if (o_.sentinel) { // a failover rewrites the servers' configuration files: each its own
+        conf = dir + "/redis.conf";
+        std::ofstream copy(conf);
+        if (!o_.redis_conf.empty())
+            copy << std::ifstream(o_.redis_conf).rdbuf();
+    }
     std::vector<std::string> argv = {"redis-server"};
-    if (!o_.redis_conf.empty())
-        argv.push_back(o_.redis_conf);
-    else // what the store needs, as the deployment's snippet has it
+    if (!conf.empty())
+        argv.push_back(conf);
+    if (o_.redis_conf.empty()) // what the store needs, as the deployment's snippet has it
         argv.insert(argv.end(), {"--databases", "32", "--notify-keyspace-events", "Kgh$xe",
                                  "--client-output-buffer-limit", "pubsub 0 0 0"});
     argv.insert(argv.end(),
                 {"--port", "0", "--unixsocket", dir + "/redis.sock", "--unixsocketperm", "700",
                  "--save", "", "--appendonly", "no", "--dir", dir, "--loglevel", "warning"});
+    argv.insert(argv.end(), extra.begin(), extra.end());
     c.pid = spawn(argv, child_env({}), dir + "/redis.log", group_, !o_.keep);
     c.stopping = false;
     if (c.pid < 0) {
@@ -759,13 +845,26 @@ bool Chassis::answers(Child &server, Redis &conn, const std::string &log,
 // Starts every Redis, then waits until each answers.
 bool Chassis::start_servers()
 {
-    if (!start_redis(global_, dir_ + "/global"))
+    std::vector<std::string> global_args;
+    if (o_.acl) {
+        if (!make_acl())
+            return false;
+        global_args = {"--aclfile", dir_ + "/users.acl"};
+        monitor_ = as_operator(global_sock_);
+    }
+    if (o_.sentinel) {
+        primary_port_ = free_port();
+        global_args.insert(global_args.end(), {"--port", std::to_string(primary_port_)});
+    }
+    if (!start_redis(global_, dir_ + "/global", global_args))
         return false;
     for (CardRun &r : runs_)
         if (!start_redis(r.redis, r.root))
             return false;
     auto deadline = Clock::now() + 20s;
     if (!answers(global_, monitor_, dir_ + "/global/redis.log", deadline))
+        return false;
+    if (o_.sentinel && !start_failover(deadline))
         return false;
     for (CardRun &r : runs_)
         if (!answers(r.redis, r.local, r.root + "/redis.log", deadline))
@@ -783,9 +882,21 @@ bool Chassis::start_servers()
 
 void Chassis::start_daemon(CardRun &r)
 {
+    std::string global = "unix:" + global_sock_;
+    if (o_.sentinel) {
+        global = "sentinel:";
+        for (int port : sentinel_ports_)
+            global += "127.0.0.1:" + std::to_string(port) + ",";
+        global.back() = '/';
+        global += sentinel_master;
+    }
+    std::string user = "card" + std::to_string(r.card->node);
     std::vector<std::string> env =
         child_env({"KX_ROOT=" + r.root, "KX_MOM_ADDR=unix:" + r.root + "/redis.sock",
-                   "KX_MOM_ADDR_28=unix:" + global_sock_});
+                   "KX_MOM_ADDR_28=" + global});
+    if (o_.acl)
+        env.insert(env.end(), {"KX_MOM_USER_28=" + user,
+                               "KX_MOM_PASSWORD_FILE_28=" + dir_ + "/secrets/" + user});
     r.daemon.pid = spawn({o_.daemon}, env, r.root + "/vek_cap.out", group_, !o_.keep);
     r.daemon.stopping = false;
     if (r.daemon.pid < 0)
@@ -803,7 +914,8 @@ void Chassis::ended(Child &c, int status)
     for (CardRun &r : runs_) {
         if (&c != &r.daemon)
             continue;
-        // 77: the daemon saw a restarted store, which only --restart-global makes.
+        // 77: the daemon saw a restarted store, which only --restart-global and
+        // --kill-primary make.
         bool exit_77 = global_restarted_ && WIFEXITED(status) && WEXITSTATUS(status) == 77;
         bool killed = r.killed && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
         exits_77_ += exit_77;
@@ -837,8 +949,9 @@ void Chassis::reap()
 {
     int status = 0;
     for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
-        if (global_.pid == pid)
-            ended(global_, status);
+        for (Child *c : global_servers())
+            if (c->pid == pid)
+                ended(*c, status);
         for (CardRun &r : runs_)
             for (Child *c : {&r.redis, &r.daemon})
                 if (c->pid == pid)
@@ -982,14 +1095,15 @@ bool Chassis::stop_daemons()
 
 void Chassis::detach()
 {
-    global_.pid = -1;
+    for (Child *c : global_servers())
+        c->pid = -1;
     for (CardRun &r : runs_)
         r.redis.pid = r.daemon.pid = -1;
 }
 
 void Chassis::stop_all()
 {
-    std::vector<Child *> daemons, servers = {&global_};
+    std::vector<Child *> daemons, servers = global_servers();
     for (CardRun &r : runs_)
         daemons.push_back(&r.daemon), servers.push_back(&r.redis);
     stop(daemons);
@@ -1163,6 +1277,226 @@ private:
     long long next_line_ms_ = 0;
     size_t last_ok_ = SIZE_MAX;
 };
+
+// ---------------------------------------------------------------- the global store's modes
+
+std::vector<Child *> Chassis::global_servers()
+{
+    std::vector<Child *> all = {&global_, &replica_};
+    for (Child &s : sentinels_)
+        all.push_back(&s);
+    return all;
+}
+
+// --acl: writes the chassis's description, from which vek_cap-acl writes the global
+// store's ACL file and a password file per user.
+bool Chassis::make_acl()
+{
+    std::ofstream chassis(dir_ + "/chassis.txt");
+    for (const CardRun &r : runs_) {
+        chassis << "card " << r.card->node << " " << r.card->type;
+        for (const Subcard &s : r.card->subcards)
+            chassis << " " << s.node;
+        chassis << "\n";
+    }
+    if (o_.sentinel)
+        chassis << "replica-user replica\nsentinel-user sentinel\n";
+    chassis.close();
+    std::string log = dir_ + "/vek_cap-acl.log";
+    pid_t pid = spawn({"sh", "-c", "exec vek_cap-acl \"$1\" \"$2\" > \"$3\"", "sh",
+                       dir_ + "/chassis.txt", dir_ + "/secrets", dir_ + "/users.acl"},
+                      child_env({}), log, 0, true);
+    int status = -1;
+    if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        return true;
+    fprintf(stderr, "vek_chassis: vek_cap-acl %s: %s\n", describe(status).c_str(),
+            last_line(log).c_str());
+    return false;
+}
+
+std::string Chassis::password(const std::string &user) const
+{
+    std::ifstream in(dir_ + "/secrets/" + user);
+    std::string line;
+    std::getline(in, line);
+    return line;
+}
+
+Redis Chassis::as_operator(const std::string &socket) const
+{
+    return o_.acl ? Redis(socket, "operator", password("operator")) : Redis(socket);
+}
+
+// --sentinel: the replica of the global primary and three sentinels watching it, quorum
+// 2. They find each other by address, so each listens on a TCP port of the loopback too.
+bool Chassis::start_failover(Clock::time_point deadline)
+{
+    replica_.name = "the global replica redis-server";
+    replica_port_ = free_port();
+    std::vector<std::string> args = {"--port", std::to_string(replica_port_), "--replicaof",
+                                     "127.0.0.1", std::to_string(primary_port_)};
+    if (o_.acl)
+        args.insert(args.end(), {"--aclfile", dir_ + "/users.acl", "--masteruser", "replica",
+                                 "--masterauth", password("replica")});
+    Redis replica = as_operator(dir_ + "/replica/redis.sock");
+    if (!start_redis(replica_, dir_ + "/replica", args) ||
+        !answers(replica_, replica, dir_ + "/replica/redis.log", deadline))
+        return false;
+    sentinels_.resize(3);
+    for (size_t i = 0; i < sentinels_.size(); ++i) {
+        Child &s = sentinels_[i];
+        s.name = "sentinel " + std::to_string(i + 1);
+        std::string dir = dir_ + "/sentinel" + std::to_string(i + 1);
+        sentinel_ports_.push_back(free_port());
+        fs::create_directories(dir);
+        // Short timing: a primary silent for 1 s is down.
+        std::ofstream conf(dir + "/sentinel.conf");
+        conf << "port " << sentinel_ports_.back() << "\nbind 127.0.0.1\nunixsocket " << dir
+             << "/redis.sock\nunixsocketperm 700\ndir " << dir << "\nsentinel monitor "
+             << sentinel_master << " 127.0.0.1 " << primary_port_ << " 2\n"
+             << "sentinel down-after-milliseconds " << sentinel_master << " 1000\n"
+             << "sentinel failover-timeout " << sentinel_master << " 3000\n";
+        if (o_.acl)
+            conf << "sentinel auth-user " << sentinel_master << " sentinel\nsentinel auth-pass "
+                 << sentinel_master << " " << password("sentinel") << "\n";
+        conf.close();
+        s.pid = spawn({"redis-server", dir + "/sentinel.conf", "--sentinel"}, child_env({}),
+                      dir + "/redis.log", group_, !o_.keep);
+        Redis conn(dir + "/redis.sock");
+        if (s.pid < 0 || !answers(s, conn, dir + "/redis.log", deadline))
+            return false;
+    }
+    return true;
+}
+
+// Whether every sentinel knows the replica and the two other sentinels, as a failover
+// needs.
+bool Chassis::sentinels_ready()
+{
+    for (size_t i = 0; i < sentinels_.size(); ++i) {
+        Redis sentinel(dir_ + "/sentinel" + std::to_string(i + 1) + "/redis.sock");
+        std::string why;
+        auto replies = sentinel.pipeline(0, {{"SENTINEL", "MASTER", sentinel_master}}, &why);
+        if (replies.empty() || replies[0]->type != REDIS_REPLY_ARRAY)
+            return false;
+        std::map<std::string, std::string> fields;
+        const redisReply *r = replies[0].get();
+        for (size_t j = 0; j + 1 < r->elements; j += 2)
+            fields[r->element[j]->str] = r->element[j + 1]->str;
+        if (fields["num-slaves"] != "1" || fields["num-other-sentinels"] != "2")
+            return false;
+    }
+    return true;
+}
+
+// --kill-primary: once the sentinels can fail over, the primary dies for good. What the
+// replica holds of db 28 is emptied first: asynchronous replication may lose the last
+// writes, and this makes it lose them all, so that db 28 is complete on the new primary
+// only once every card has published there again.
+bool Chassis::kill_primary()
+{
+    auto deadline = Clock::now() + 60s;
+    while (!sentinels_ready()) {
+        if (g_signal || Clock::now() > deadline) {
+            fault("the sentinels did not find the replica and each other within 60 s (see " + dir_ +
+                  "/sentinel1/redis.log)");
+            return false;
+        }
+        nap(50ms);
+    }
+    Redis replica = as_operator(dir_ + "/replica/redis.sock");
+    std::string why;
+    if (!replica.command(0, {"CONFIG", "SET", "replica-read-only", "no"}, &why) ||
+        !replica.command(global_db, {"FLUSHDB"}, &why)) {
+        fault("cannot empty the replica's db 28: " + why);
+        return false;
+    }
+    global_.stopping = true;
+    kill(global_.pid, SIGKILL);
+    global_restarted_ = true;
+    monitor_ = std::move(replica);
+    return true;
+}
+
+// After --kill-primary: the sentinels name the replica, and it is the primary.
+bool Chassis::failed_over()
+{
+    Redis sentinel(dir_ + "/sentinel1/redis.sock");
+    std::string why;
+    auto named =
+        sentinel.pipeline(0, {{"SENTINEL", "GET-MASTER-ADDR-BY-NAME", sentinel_master}}, &why);
+    auto role = monitor_.pipeline(0, {{"ROLE"}}, &why);
+    auto nth = [](const std::vector<Reply> &r, size_t i) {
+        return r.size() == 1 && r[0]->type == REDIS_REPLY_ARRAY && r[0]->elements > i
+                   ? std::string(r[0]->element[i]->str ? r[0]->element[i]->str : "")
+                   : std::string();
+    };
+    if (nth(named, 1) == std::to_string(replica_port_) && nth(role, 0) == "master")
+        return true;
+    fault("sentinel 1 names port " + nth(named, 1) + " the primary, the replica (port " +
+          std::to_string(replica_port_) + ") says it is " + nth(role, 0));
+    return false;
+}
+
+// --acl: card 1's user may change none of card 2's records, nor node 160's when it is
+// node 16, nor a ready record of a type not its own; a client without a user may change
+// nothing. db 28 is unchanged after that. The operator may: it deletes one of card 2's
+// entries and writes card 2's deletion notice, which card 2 answers, as its own user, by
+// writing itself again and removing the notice. False when the operator could not.
+bool Chassis::confine(const Records &expected)
+{
+    const Card &a = *runs_[0].card, &b = *runs_[1].card;
+    std::string an = std::to_string(a.node), bn = std::to_string(b.node);
+    std::string sub = std::to_string(b.node + 1), type = std::to_string(b.type);
+    std::string entry = "s_frame.cap_glb_table|" + bn + "|" +
+                        (b.entries.empty() ? "/x" : key_part(b.entries[0].url));
+    std::string notice = "s_frame.cap_del_fe_ready|" + bn + "|" + type;
+    const std::vector<std::vector<std::string>> changes = {
+        {"HSET", entry, "bool_value", "false"},
+        {"DEL", entry},
+        {"HSET", "s_frame.cap_glb_table|" + an + "0|/x", "bool_value", "true"},
+        {"HSET", "s_frame.cap_fe_ready|" + bn + "|" + type, "ready", "false"},
+        {"DEL", "s_frame.cap_fe_ready|" + bn + "|" + type},
+        {"HSET", "s_frame.cap_fe_ready|" + an + "|" + std::to_string(a.type + 1), "ready", "true"},
+        {"HSET", notice, "ready", "true"},
+        {"HSET", "s_frame.cap_subcard_glb_table|" + sub + "|/x", "bool_value", "true"},
+        {"DEL", "s_frame.cap_subcard_ready|" + sub},
+    };
+    Redis card(global_sock_, "card" + an, password("card" + an)), nobody(global_sock_);
+    std::string why;
+    auto outcome = [&why](Redis &as, const std::vector<std::string> &change) {
+        return as.command(global_db, change, &why) ? std::string("done") : why;
+    };
+    for (const auto &change : changes) {
+        std::string as_card = outcome(card, change), as_nobody = outcome(nobody, change);
+        if (!as_card.starts_with("NOPERM") || !as_nobody.starts_with("NOAUTH"))
+            fault(change[0] + " " + change[1] + ": card " + std::to_string(a.number) +
+                  "'s user got '" + as_card + "', no user '" + as_nobody + "'");
+    }
+    auto after = read_global(&why);
+    if (!after || *after != expected)
+        fault("db 28 changed when card " + std::to_string(a.number) +
+              "'s user was refused: " + (after ? difference(expected, *after).front() : why));
+    if (monitor_.command(global_db, {"DEL", entry}, &why) &&
+        monitor_.command(global_db, {"HSET", notice, "ready", "true"}, &why))
+        return true;
+    fault("the operator cannot change card " + std::to_string(b.number) + "'s records: " + why);
+    return false;
+}
+
+// --acl: a daemon keeping to its own records never meets a refusal, not even in a read
+// of another card's (every card reads a deletion notice when one appears).
+void Chassis::no_daemon_refused()
+{
+    for (const CardRun &r : runs_) {
+        std::ifstream out(r.root + "/vek_cap.out");
+        for (std::string line; std::getline(out, line);)
+            if (line.find("NOPERM") != std::string::npos) {
+                fault("card " + std::to_string(r.card->number) + "'s vek_cap was refused: " + line);
+                break;
+            }
+    }
+}
 
 enum class Outcome { converged, timed_out, interrupted, failed };
 
@@ -1983,6 +2317,36 @@ int run(const Options &o, std::vector<Card> &cards, const std::vector<Input> &in
                 chassis.fault("the global restart made " +
                               std::to_string(chassis.daemon_exits_77()) + " of " +
                               std::to_string(o.cards) + " daemons exit 77");
+        }
+        if (o.acl && out == Outcome::converged) {
+            printf("card 1's user tries to change card 2's records; the operator deletes one of "
+                   "card 2's entries and writes its deletion notice\n");
+            fflush(stdout);
+            auto t1 = Clock::now();
+            out = chassis.confine(expected)
+                      ? converge(chassis, view, expected, t1, o.timeout_s, have)
+                      : Outcome::failed;
+            if (out == Outcome::converged)
+                printf("card 2 wrote itself again and removed the notice %lld ms after the "
+                       "operator wrote it\n",
+                       ms_since(t1));
+            chassis.no_daemon_refused();
+        }
+        if (o.kill_primary && out == Outcome::converged) {
+            printf("emptying the replica's db 28, then kill -9 the global primary: the sentinels "
+                   "are to promote the replica, every vek_cap to exit 77 and start again\n");
+            fflush(stdout);
+            out = chassis.kill_primary() ? Outcome::converged : Outcome::failed;
+            auto t1 = Clock::now();
+            if (out == Outcome::converged)
+                out = converge(chassis, view, expected, t1, o.timeout_s, have);
+            if (out == Outcome::converged && chassis.failed_over())
+                printf("db 28 complete on the new primary %lld ms after the kill; %d daemons "
+                       "exited 77 and were started again\n",
+                       ms_since(t1), chassis.daemon_exits_77());
+            if (out == Outcome::converged && chassis.daemon_exits_77() != o.cards)
+                chassis.fault("the failover made " + std::to_string(chassis.daemon_exits_77()) +
+                              " of " + std::to_string(o.cards) + " daemons exit 77");
         }
     }
     if (out == Outcome::converged && fault && fault->after_converge) {

@@ -74,9 +74,12 @@ typedef int32_t (*kx_mom_reconnect_cb)(kx_global_t *global, int32_t db, int32_t 
 // Connects the command and subscriber connections of `db`, checks the server
 // (databases >= 29, keyspace notifications, and with ACL DRYRUN where the server
 // allows it that the user may subscribe to a channel of `db` at all) and selects
-// `db`, waiting at most 2 s. The endpoint comes from KX_MOM_ADDR_<db>, else
-// KX_MOM_ADDR (unix:/path or tcp:HOST:PORT), else tcp:127.0.0.1:6379; KX_MOM_USER
-// and KX_MOM_PASSWORD authenticate. A bad value or an unfit server gives
+// `db`, waiting at most 2 s (and 0.5 s for each sentinel asked). The endpoint comes
+// from KX_MOM_ADDR_<db>, else KX_MOM_ADDR (unix:/path, tcp:HOST:PORT, or
+// sentinel:HOST:PORT[,HOST:PORT...]/NAME: the primary that the sentinels, asked in
+// turn, name for NAME; it must say it is one), else tcp:127.0.0.1:6379. KX_MOM_USER_<db> and
+// KX_MOM_PASSWORD_<db> (or KX_MOM_PASSWORD_FILE_<db>, its first line), else the same without _<db>,
+// authenticate. A bad value or an unfit server gives
 // KX_MOM_ECONFIG with a line naming the fix, an unreachable or silent one
 // KX_MOM_ENOTCONN. SIGPIPE left at its default is ignored from then on. After this,
 // libkx alone keeps the database connected (see the callbacks).

@@ -328,7 +328,7 @@ Command read_command(const ProtobufCMessageDescriptor *table, std::span<const st
             texts[i] = std::to_string(i);
         return texts;
     }();
-    Command cmd = {"EVAL", stored_whole(table) ? kReadWhole : kReadHash, counts.at(keys.size())};
+    Command cmd = {"EVAL_RO", stored_whole(table) ? kReadWhole : kReadHash, counts.at(keys.size())};
     cmd.insert(cmd.end(), keys.begin(), keys.end());
     cmd.push_back(value_limit(table).text);
     return cmd;

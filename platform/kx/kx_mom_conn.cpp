@@ -13,6 +13,12 @@
 // in all. kx_mom_client_connect_sync waits for it in poll(): its caller needs the
 // result. A reconnect runs it from the loop with a loop timer as its limit, so that
 // a server that is stopped, paused or unreachable never holds the loop.
+//
+// With a sentinel endpoint the handshake first asks the sentinels, in turn, where the
+// primary is (each within 0.5 s), and the primary must then say it is one: a failover
+// leaves sentinels naming the old primary for a while, and that one may come back as
+// a replica. A new primary is another server run, so the reconnect reports it as a
+// restarted server.
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -22,6 +28,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -35,6 +42,7 @@ namespace {
 
 constexpr timeval kCommandTimeout{2, 0};
 constexpr std::chrono::milliseconds kHandshakeLimit{2000};
+constexpr std::chrono::milliseconds kSentinelLimit{500};
 constexpr int kFirstRetryMs = 100;
 constexpr int kLastRetryMs = 5000;
 constexpr int kNeededDatabases = 29;
@@ -54,6 +62,8 @@ bool parse_port(std::string_view text, int *port)
     return true;
 }
 
+bool parse_sentinels(std::string_view text, Endpoint *ep);
+
 bool parse_endpoint(std::string_view text, Endpoint *ep)
 {
     ep->text = std::string(text);
@@ -62,6 +72,8 @@ bool parse_endpoint(std::string_view text, Endpoint *ep)
         ep->where = std::string(text.substr(5));
         return !ep->where.empty();
     }
+    if (text.starts_with("sentinel:"))
+        return parse_sentinels(text.substr(9), ep);
     if (!text.starts_with("tcp:"))
         return false;
     std::string_view rest = text.substr(4);
@@ -74,6 +86,35 @@ bool parse_endpoint(std::string_view text, Endpoint *ep)
     ep->unix_socket = false;
     ep->where = std::string(host);
     return !host.empty() && parse_port(rest.substr(colon + 1), &ep->port);
+}
+
+// HOST:PORT[,HOST:PORT...]/NAME, where a sentinel may also be unix:/path.
+bool parse_sentinels(std::string_view text, Endpoint *ep)
+{
+    size_t slash = text.rfind('/');
+    if (slash == std::string_view::npos || slash + 1 == text.size())
+        return false;
+    ep->primary_of = std::string(text.substr(slash + 1));
+    for (std::string_view list = text.substr(0, slash);;) {
+        std::string_view one = list.substr(0, list.find(','));
+        Endpoint sentinel;
+        if (!parse_endpoint(one.starts_with("unix:") ? std::string(one) : "tcp:" + std::string(one),
+                            &sentinel))
+            return false;
+        sentinel.text = std::string(one);
+        ep->sentinels.push_back(std::move(sentinel));
+        if (one.size() == list.size())
+            return true;
+        list.remove_prefix(one.size() + 1);
+    }
+}
+
+// The endpoint in messages: as configured, and the server a sentinel named.
+std::string shown(const Endpoint &ep)
+{
+    if (ep.sentinels.empty() || ep.where.empty())
+        return ep.text;
+    return ep.text + " at " + ep.where + ":" + std::to_string(ep.port);
 }
 
 std::string reply_text(const redisReply *r)
@@ -94,17 +135,13 @@ std::string io_failure(const redisContext *c)
     return c->errstr[0] ? c->errstr : "I/O error";
 }
 
-const char *user_name()
-{
-    const char *user = getenv("KX_MOM_USER");
-    return user ? user : "default";
-}
+std::string user_name(const Handshake &h) { return h.user.value_or("default"); }
 
 // The handshake fails for `what` at its endpoint.
 bool fail(Handshake &h, int32_t code, const std::string &what)
 {
     h.code = code;
-    h.why = h.endpoint.text + ": " + what;
+    h.why = shown(h.endpoint) + ": " + what;
     return false;
 }
 
@@ -121,26 +158,172 @@ bool endpoint_for(int32_t db, Handshake &h)
     if (parse_endpoint(value, &h.endpoint))
         return true;
     h.code = KX_MOM_ECONFIG;
-    h.why = "bad " + name + " '" + printable(value) +
-            "': expected unix:/path/redis.sock or tcp:HOST:PORT";
+    h.why = "bad " + name + " '" + printable(value) + "': expected " +
+            (std::string_view(value).starts_with("sentinel:")
+                 ? "sentinel:HOST:PORT[,HOST:PORT...]/NAME (a sentinel may be unix:/path)"
+                 : "unix:/path/redis.sock or tcp:HOST:PORT");
     return false;
 }
 
-// Parses the endpoint and opens both connections, without waiting for them.
-bool open_handshake(int32_t db, Handshake &h)
+bool read_password(Handshake &h, const std::string &variable, const char *path)
 {
-    if (!endpoint_for(db, h))
-        return false;
-    const Endpoint &ep = h.endpoint;
+    std::ifstream in(path);
+    if (!in)
+        return fail(h, KX_MOM_ECONFIG,
+                    "cannot read " + variable + " '" + printable(path) + "': " + strerror(errno));
+    std::string line;
+    std::getline(in, line);
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    if (line.empty())
+        return fail(h, KX_MOM_ECONFIG,
+                    variable + " '" + printable(path) + "' holds no password on its first line");
+    h.password = std::move(line);
+    return true;
+}
+
+// The credentials for `db`: its own settings (KX_MOM_USER_<db>...) before the common
+// ones, each password from the environment or from the first line of a file (so that
+// the secret is not in every process's environment), never both.
+bool credentials_for(int32_t db, Handshake &h)
+{
+    std::string user_variable;
+    for (const std::string &own : {"_" + std::to_string(db), std::string()}) {
+        if (const char *user = getenv(("KX_MOM_USER" + own).c_str()); user && !h.user) {
+            h.user = user;
+            user_variable = "KX_MOM_USER" + own;
+        }
+        std::string variable = "KX_MOM_PASSWORD" + own,
+                    file_variable = "KX_MOM_PASSWORD_FILE" + own;
+        const char *password = getenv(variable.c_str()), *file = getenv(file_variable.c_str());
+        if (h.password || (!password && !file))
+            continue;
+        if (password && file)
+            return fail(h, KX_MOM_ECONFIG, variable + " and " + file_variable + " are both set");
+        if (password)
+            h.password = password;
+        else if (!read_password(h, file_variable, file))
+            return false;
+    }
+    return !h.user || h.password ||
+           fail(h, KX_MOM_ECONFIG,
+                user_variable + " is set without KX_MOM_PASSWORD" + user_variable.substr(11));
+}
+
+redisContext *connect_without_waiting(const Endpoint &ep)
+{
+    return ep.unix_socket ? redisConnectUnixNonBlock(ep.where.c_str())
+                          : redisConnectNonBlock(ep.where.c_str(), ep.port);
+}
+
+// Opens both connections to the server, without waiting for them.
+bool open_server(Handshake &h)
+{
+    ++h.stage;
     for (Context *c : {&h.cmd, &h.sub}) {
-        c->reset(ep.unix_socket ? redisConnectUnixNonBlock(ep.where.c_str())
-                                : redisConnectNonBlock(ep.where.c_str(), ep.port));
+        c->reset(connect_without_waiting(h.endpoint));
         if (!*c)
             return fail(h, KX_MOM_ENOMEM, "out of memory");
         if ((*c)->err)
             return fail(h, KX_MOM_ENOTCONN, std::string("cannot connect: ") + (*c)->errstr);
     }
     return true;
+}
+
+// The sentinel asked last named no primary, for `why`.
+void unanswered(Handshake &h, const std::string &why)
+{
+    h.unanswered += (h.unanswered.empty() ? "" : "; ") +
+                    h.endpoint.sentinels[h.next_sentinel - 1].text + ": " + why;
+}
+
+// Asks the next sentinel for the primary; with none left the handshake fails with
+// what each of them said.
+void ask_next_sentinel(Handshake &h)
+{
+    h.ask.reset();
+    ++h.stage;
+    const std::vector<Endpoint> &sentinels = h.endpoint.sentinels;
+    while (h.next_sentinel < sentinels.size()) {
+        Context c(connect_without_waiting(sentinels[h.next_sentinel++]));
+        if (!c || (!c->err && append_command(c.get(), {"SENTINEL", "get-master-addr-by-name",
+                                                       h.endpoint.primary_of}) != REDIS_OK)) {
+            fail(h, KX_MOM_ENOMEM, "out of memory");
+            return;
+        }
+        if (!c->err) {
+            h.ask = std::move(c);
+            return;
+        }
+        unanswered(h, c->errstr);
+    }
+    fail(h, KX_MOM_ENOTCONN,
+         "no sentinel named the primary of '" + printable(h.endpoint.primary_of) +
+             "': " + h.unanswered);
+}
+
+// The sentinel asked did not name the primary, for `why`: the next one is asked.
+void sentinel_failed(Handshake &h, const std::string &why)
+{
+    unanswered(h, why);
+    ask_next_sentinel(h);
+}
+
+// Takes the primary's address from a sentinel's answer; false when it names none.
+bool take_primary(Handshake &h, const redisReply *r)
+{
+    if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
+        r->element[0]->type != REDIS_REPLY_STRING || r->element[1]->type != REDIS_REPLY_STRING)
+        return false;
+    Endpoint &ep = h.endpoint;
+    ep.unix_socket = false;
+    ep.where.assign(r->element[0]->str, r->element[0]->len);
+    return parse_port(std::string_view(r->element[1]->str, r->element[1]->len), &ep.port);
+}
+
+// What a handshake under way waits for; `none` once it is done or has failed.
+enum class Wait { none, read, write };
+
+// Waits for the sentinel asked to answer, then opens the connections to the primary
+// it names; one that fails or names none hands over to the next.
+Wait ask_sentinel(Handshake &h)
+{
+    while (h.ask) {
+        redisContext *c = h.ask.get();
+        int done = 0;
+        void *r = nullptr;
+        if (redisBufferWrite(c, &done) != REDIS_OK ||
+            (done && redisGetReplyFromReader(c, &r) != REDIS_OK)) {
+            sentinel_failed(h, io_failure(c));
+            continue;
+        }
+        if (!done)
+            return Wait::write;
+        if (!r)
+            return Wait::read;
+        Reply answer(static_cast<redisReply *>(r));
+        if (!take_primary(h, answer.get())) {
+            sentinel_failed(h, answer->type == REDIS_REPLY_NIL
+                                   ? "no primary named '" + printable(h.endpoint.primary_of) + "'"
+                                   : reply_text(answer.get()));
+            continue;
+        }
+        h.ask.reset();
+        open_server(h);
+    }
+    return Wait::none;
+}
+
+// Parses the endpoint and the credentials, then opens both connections (or asks the
+// first sentinel), without waiting.
+bool open_handshake(int32_t db, Handshake &h)
+{
+    if (!endpoint_for(db, h) || !credentials_for(db, h))
+        return false;
+    if (h.endpoint.sentinels.empty())
+        return open_server(h);
+    ask_next_sentinel(h);
+    return h.code == 0;
 }
 
 // Queues one command of a step: 1, or 0 when out of memory.
@@ -158,20 +341,15 @@ struct Step {
     bool (*accept)(int32_t db, Handshake &h, std::span<const Reply> replies);
 };
 
-// AUTH when KX_MOM_PASSWORD is set, as KX_MOM_USER when that is set too.
+// AUTH when a password is set, as the user when one is set too.
 size_t send_auth(int32_t, Handshake &h, redisContext *c)
 {
-    const char *user = getenv("KX_MOM_USER");
-    const char *password = getenv("KX_MOM_PASSWORD");
-    if (!password) {
-        if (user)
-            fail(h, KX_MOM_ECONFIG, "KX_MOM_USER is set without KX_MOM_PASSWORD");
+    if (!h.password)
         return 0;
-    }
     Command auth{"AUTH"};
-    if (user)
-        auth.push_back(user);
-    auth.push_back(password);
+    if (h.user)
+        auth.push_back(*h.user);
+    auth.push_back(*h.password);
     return queue(h, c, auth);
 }
 
@@ -179,7 +357,28 @@ bool accept_auth(int32_t, Handshake &h, std::span<const Reply> r)
 {
     return r[0]->type != REDIS_REPLY_ERROR ||
            fail(h, KX_MOM_ECONFIG,
-                std::string("AUTH as '") + user_name() + "' refused: " + reply_text(r[0].get()));
+                "AUTH as '" + user_name(h) + "' refused: " + reply_text(r[0].get()));
+}
+
+// The server a sentinel named must be the primary: a replica would refuse every write.
+size_t send_role(int32_t, Handshake &h, redisContext *c)
+{
+    return h.endpoint.sentinels.empty() ? 0 : queue(h, c, {"ROLE"});
+}
+
+bool accept_role(int32_t, Handshake &h, std::span<const Reply> r)
+{
+    const redisReply *reply = r[0].get();
+    if (reply->type == REDIS_REPLY_ERROR)
+        return fail(h, KX_MOM_ECONFIG,
+                    "ROLE refused: " + reply_text(reply) + ": allow ROLE for this user");
+    std::string role = reply->type == REDIS_REPLY_ARRAY && reply->elements > 0
+                           ? reply_text(reply->element[0])
+                           : reply_text(reply);
+    return role == "master" ||
+           fail(h, KX_MOM_ENOTCONN,
+                "the sentinels name it the primary of '" + printable(h.endpoint.primary_of) +
+                    "' but its role is " + role + ": not connected until they name the primary");
 }
 
 // The value of a setting from its CONFIG GET reply; false with the failure set.
@@ -187,8 +386,8 @@ bool config_value(Handshake &h, const redisReply *r, const char *name, std::stri
 {
     if (r->type == REDIS_REPLY_ERROR && std::string_view(r->str, r->len).starts_with("NOAUTH"))
         return fail(h, KX_MOM_ECONFIG,
-                    "the server needs a password: set KX_MOM_PASSWORD (and "
-                    "KX_MOM_USER for an ACL user)");
+                    "the server needs a password: set KX_MOM_PASSWORD or KX_MOM_PASSWORD_FILE "
+                    "(and KX_MOM_USER for an ACL user), or their _<db> forms");
     if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
         r->element[1]->type != REDIS_REPLY_STRING)
         return fail(h, KX_MOM_ECONFIG,
@@ -268,7 +467,7 @@ size_t send_channel_probe(int32_t db, Handshake &h, redisContext *c)
     for (const ProtobufCMessageDescriptor *const *t = kx_mom_tables(); *t && h.code == 0; ++t)
         n += queue(
             h, c,
-            {"ACL", "DRYRUN", user_name(), "SUBSCRIBE", keyspace_prefix(db) + table_glob(*t)});
+            {"ACL", "DRYRUN", user_name(h), "SUBSCRIBE", keyspace_prefix(db) + table_glob(*t)});
     return n;
 }
 
@@ -279,8 +478,8 @@ bool accept_channel_probe(int32_t db, Handshake &h, std::span<const Reply> r)
             return true;
     std::string prefix = keyspace_prefix(db);
     return fail(h, KX_MOM_ECONFIG,
-                std::string("user '") + user_name() + "' may subscribe to no channel of db " +
-                    std::to_string(db) + ": grant them, e.g. ACL SETUSER " + user_name() +
+                "user '" + user_name(h) + "' may subscribe to no channel of db " +
+                    std::to_string(db) + ": grant them, e.g. ACL SETUSER " + user_name(h) +
                     " allchannels, or '&" + prefix + "*' and each table followed whole as '&" +
                     prefix + "TABLE|*'");
 }
@@ -317,6 +516,7 @@ bool accept_run_id(int32_t, Handshake &h, std::span<const Reply> r)
 
 constexpr Step kSteps[] = {
     {"AUTH", false, send_auth, accept_auth},
+    {"ROLE", false, send_role, accept_role},
     {"CONFIG GET databases", false, send_databases, accept_databases},
     {"CONFIG GET notify-keyspace-events", false, send_notify_get, accept_notify_get},
     {"CONFIG SET notify-keyspace-events", false, send_notify_set, accept_notify_set},
@@ -326,10 +526,16 @@ constexpr Step kSteps[] = {
     {"AUTH", true, send_auth, accept_auth},
 };
 
-// What a handshake under way waits for; `none` once it is done or has failed.
-enum class Wait { none, read, write };
+redisContext *in_use(const Handshake &h)
+{
+    return h.ask ? h.ask.get() : (kSteps[h.step].on_sub ? h.sub : h.cmd).get();
+}
 
-redisContext *in_use(const Handshake &h) { return (kSteps[h.step].on_sub ? h.sub : h.cmd).get(); }
+// The time the stage under way may take: a sentinel's answer, or the rest.
+std::chrono::milliseconds limit(const Handshake &h)
+{
+    return h.ask ? kSentinelLimit : kHandshakeLimit;
+}
 
 Wait io_failed(Handshake &h)
 {
@@ -338,8 +544,14 @@ Wait io_failed(Handshake &h)
     return Wait::none;
 }
 
-Wait timed_out(Handshake &h)
+Wait advance(int32_t db, Handshake &h);
+
+Wait timed_out(int32_t db, Handshake &h)
 {
+    if (h.ask) {
+        sentinel_failed(h, "no answer within " + std::to_string(kSentinelLimit.count()) + " ms");
+        return advance(db, h);
+    }
     fail(h, KX_MOM_ENOTCONN,
          std::string("no answer to ") + kSteps[h.step].name + " within " +
              std::to_string(kHandshakeLimit.count() / 1000) + " s");
@@ -349,6 +561,8 @@ Wait timed_out(Handshake &h)
 // Moves the handshake on as far as it goes without waiting for a socket.
 Wait advance(int32_t db, Handshake &h)
 {
+    if (Wait w = ask_sentinel(h); w != Wait::none)
+        return w;
     for (; h.step < std::size(kSteps) && h.code == 0; ++h.step, h.sent = false) {
         const Step &s = kSteps[h.step];
         redisContext *c = in_use(h);
@@ -382,8 +596,11 @@ Wait advance(int32_t db, Handshake &h)
 // The socket is ready for what the handshake waited for.
 Wait resume(int32_t db, Handshake &h, Wait waited)
 {
-    if (waited == Wait::read && redisBufferRead(in_use(h)) != REDIS_OK)
-        return io_failed(h);
+    if (waited == Wait::read && redisBufferRead(in_use(h)) != REDIS_OK) {
+        if (!h.ask)
+            return io_failed(h);
+        sentinel_failed(h, io_failure(h.ask.get()));
+    }
     return advance(db, h);
 }
 
@@ -391,15 +608,16 @@ Wait resume(int32_t db, Handshake &h, Wait waited)
 void handshake_now(int32_t db, Handshake &h)
 {
     using Clock = std::chrono::steady_clock;
-    auto deadline = Clock::now() + kHandshakeLimit;
-    for (Wait w = advance(db, h); w != Wait::none; w = resume(db, h, w)) {
+    Clock::time_point deadline;
+    for (Wait w = advance(db, h); w != Wait::none;) {
+        if (h.stage != h.timed_stage) {
+            h.timed_stage = h.stage;
+            deadline = Clock::now() + limit(h);
+        }
         pollfd p{in_use(h)->fd, static_cast<short>(w == Wait::read ? POLLIN : POLLOUT), 0};
         auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         int n = left.count() > 0 ? poll(&p, 1, static_cast<int>(left.count())) : 0;
-        if (n == 0 || (n < 0 && errno != EINTR)) {
-            timed_out(h);
-            return;
-        }
+        w = n == 0 || (n < 0 && errno != EINTR) ? timed_out(db, h) : resume(db, h, w);
     }
 }
 
@@ -470,7 +688,7 @@ void arm(Database &d, int ms)
 void reconnected(Database &d, const std::string &previous_run_id)
 {
     int32_t type = d.run_id == previous_run_id ? KX_MOM_RECONNECT_SAME : KX_MOM_RECONNECT_RESTARTED;
-    KX_LOG(NOTICE, "db %d: reconnected to %s (%s)", d.db, d.endpoint.text.c_str(),
+    KX_LOG(NOTICE, "db %d: reconnected to %s (%s)", d.db, shown(d.endpoint).c_str(),
            type == KX_MOM_RECONNECT_SAME ? "same server run" : "the server restarted");
     uint64_t epoch = d.epoch;
     if (d.on_reconnect)
@@ -491,7 +709,18 @@ void on_dial_io(evutil_socket_t, short what, void *arg)
 void on_dial_deadline(evutil_socket_t, short, void *arg)
 {
     auto &d = *static_cast<Database *>(arg);
-    dial_on(d, timed_out(*d.dial));
+    dial_on(d, timed_out(d.db, *d.dial));
+}
+
+// Each stage of the handshake gets its own time limit.
+bool renew_deadline(Handshake &h)
+{
+    if (h.stage == h.timed_stage)
+        return true;
+    h.timed_stage = h.stage;
+    auto ms = limit(h).count();
+    timeval tv{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>(ms % 1000 * 1000)};
+    return evtimer_add(h.deadline.get(), &tv) == 0;
 }
 
 void dial_on(Database &d, Wait w)
@@ -500,7 +729,7 @@ void dial_on(Database &d, Wait w)
     if (w != Wait::none) {
         short what = w == Wait::read ? EV_READ : EV_WRITE;
         h.io.reset(event_new(d.global->base, in_use(h)->fd, what, on_dial_io, &d));
-        if (h.io && event_add(h.io.get(), nullptr) == 0)
+        if (h.io && event_add(h.io.get(), nullptr) == 0 && renew_deadline(h))
             return;
         fail(h, KX_MOM_ENOMEM, "cannot watch the connection");
     }
@@ -526,8 +755,7 @@ void start_dial(Database &d)
     d.dial = std::make_unique<Handshake>();
     Handshake &h = *d.dial;
     h.deadline.reset(evtimer_new(d.global->base, on_dial_deadline, &d));
-    timeval limit{kHandshakeLimit.count() / 1000, (kHandshakeLimit.count() % 1000) * 1000};
-    if (!h.deadline || evtimer_add(h.deadline.get(), &limit) != 0)
+    if (!h.deadline)
         fail(h, KX_MOM_ENOMEM, "out of memory");
     dial_on(d, h.code == 0 && open_handshake(d.db, h) ? advance(d.db, h) : Wait::none);
 }
@@ -603,7 +831,7 @@ void mark_down(Database &d, const char *why)
 {
     if (d.link != Link::up)
         return;
-    KX_LOG(WARN, "db %d: connection to %s lost: %s", d.db, d.endpoint.text.c_str(), why);
+    KX_LOG(WARN, "db %d: connection to %s lost: %s", d.db, shown(d.endpoint).c_str(), why);
     d.link = Link::down;
     ++d.epoch;
     d.cmd_watch.reset();

@@ -23,6 +23,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -58,12 +59,16 @@ void log_at(int level, const char *func, int line, const char *fmt, ...)
     __attribute__((format(printf, 4, 5)));
 #define KX_LOG(level, ...) ::kx::log_at(KX_ZLOG_LEVEL_##level, __func__, __LINE__, __VA_ARGS__)
 
-// Where a database lives (KX_MOM_ADDR_<db>, else KX_MOM_ADDR, else the default).
+// Where a database lives (KX_MOM_ADDR_<db>, else KX_MOM_ADDR, else the default). A
+// sentinel endpoint names the sentinels to ask and the primary to ask them for; `where`
+// and `port` are then that primary's, once a sentinel has named it.
 struct Endpoint {
     bool unix_socket = false;
     std::string where; // socket path or host
     int port = 0;
     std::string text; // as configured, for messages
+    std::vector<Endpoint> sentinels;
+    std::string primary_of; // the name the sentinels monitor the primary by
 };
 
 // One callback following one record (SUBSCRIBE) or one table (PSUBSCRIBE).
@@ -129,6 +134,13 @@ enum class Link { never, up, down };
 // or poll() for kx_mom_client_connect_sync, waits for the sockets.
 struct Handshake {
     Endpoint endpoint;
+    std::optional<std::string> user; // the ACL user to AUTH as (else "default")
+    std::optional<std::string> password;
+    Context ask;              // the sentinel being asked for the primary
+    size_t next_sentinel = 0; // the one to ask after it
+    std::string unanswered;   // why the sentinels asked so far named no primary
+    int stage = 0;            // a new time limit starts: each sentinel, then the primary
+    int timed_stage = -1;     // the stage the deadline is set for
     Context cmd;
     Context sub;
     size_t step = 0;     // the step under way

@@ -1,0 +1,124 @@
+// Connecting through sentinels, and with each database's own credentials. (A failover
+// and the generated ACL at work are run by the chassis simulator: chassis_failover_acl.)
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sstream>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "kx_global.h"
+#include "kx_mom.h"
+#include "test_redis.h"
+
+namespace {
+
+using namespace testsupport;
+
+// kx_mom_client_connect_sync of `db` with `env` set: its code and what it logged.
+std::string connect(kx_global_t *g, int32_t db, const Env &env)
+{
+    for (const auto &[name, value] : env)
+        setenv(name.c_str(), value.c_str(), 1);
+    testing::internal::CaptureStderr();
+    int32_t rc = kx_mom_client_connect_sync(g, db);
+    std::string said = testing::internal::GetCapturedStderr();
+    for (const auto &[name, value] : env)
+        unsetenv(name.c_str());
+    return std::to_string(rc) + " " + said;
+}
+
+std::string free_port()
+{
+    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t len = sizeof a;
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    bind(fd, reinterpret_cast<sockaddr *>(&a), len);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    close(fd);
+    return std::to_string(ntohs(a.sin_port));
+}
+
+// A server the sentinel names as the primary but that is a replica is not used; sentinels
+// that are missing, hang or refuse are each passed over, and named when all have failed.
+TEST(Connect, SentinelsAreAskedInTurnAndNoReplicaIsTakenForThePrimary)
+{
+    TempDir dir;
+    const std::string port = free_port(), sentinel = dir / "sentinel.sock";
+    Process replica({"redis-server", "--port", port, "--bind", "127.0.0.1", "--replicaof",
+                     "127.0.0.1", "1", "--databases", "32", "--save", "", "--dir", dir.path()},
+                    {}, dir.path(), "replica");
+    write_file(dir / "sentinel.conf", "port 0\nunixsocket " + sentinel +
+                                          "\nsentinel monitor vek 127.0.0.1 " + port + " 1\n");
+    Process sentinels({"redis-server", dir / "sentinel.conf", "--sentinel"}, {}, dir.path(), "s");
+    ASSERT_TRUE(wait_for([&] {
+        return run({"redis-cli", "-s", sentinel, "PING"}).out == "PONG\n" &&
+               run({"redis-cli", "-p", port, "PING"}).out == "PONG\n";
+    }));
+    kx_global_t *g = kx_global_init("connect_test", nullptr);
+
+    const std::string named = "sentinel:unix:" + sentinel + "/vek";
+    EXPECT_EQ(connect(g, 28, {{"KX_MOM_ADDR_28", named}}),
+              "-1001 kx_mom: db 28: " + named + " at 127.0.0.1:" + port +
+                  ": the sentinels name it the primary of 'vek' but its role is slave: not "
+                  "connected until they name the primary\n");
+    sentinels.signal(SIGSTOP);
+    const std::string none = dir / "none.sock",
+                      all = "sentinel:unix:" + none + ",unix:" + sentinel + ",127.0.0.1:1/vek";
+    EXPECT_EQ(connect(g, 2, {{"KX_MOM_ADDR_2", all}}),
+              "-1001 kx_mom: db 2: " + all + ": no sentinel named the primary of 'vek': unix:" +
+                  none + ": No such file or directory; unix:" + sentinel +
+                  ": no answer within 500 ms; 127.0.0.1:1: Connection refused\n");
+    EXPECT_EQ(connect(g, 2, {{"KX_MOM_ADDR_2", "sentinel:127.0.0.1:26379"}}),
+              "-1007 kx_mom: db 2: bad KX_MOM_ADDR_2 'sentinel:127.0.0.1:26379': expected "
+              "sentinel:HOST:PORT[,HOST:PORT...]/NAME (a sentinel may be unix:/path)\n");
+    kx_global_finish(g);
+}
+
+// A database's own user and password (or password file) come before the common ones; a
+// refusal names the user and the endpoint, never a password.
+TEST(Connect, EachDatabaseHasItsOwnCredentialsAndThePasswordMayComeFromAFile)
+{
+    RedisServer server;
+    server.cli(0, {"ACL", "SETUSER", "card16", "on", ">p4ss-in-file", "~*", "&*", "+@all"});
+    TempDir dir;
+    const std::string good = dir / "good", bad = dir / "bad", none = dir / "none";
+    write_file(good, "p4ss-in-file\r\nsecond line\n");
+    write_file(bad, "n0t-it\n");
+    // KX_MOM_ settings, and what the connect logs; "_N" stands for the case's database,
+    // each its own, so that none is connected already.
+    const std::pair<std::string, std::string> cases[] = {
+        {"USER_N=card16 PASSWORD_FILE_N=" + bad + " PASSWORD=p4ss-in-file",
+         "AUTH as 'card16' refused: WRONGPASS invalid username-password pair or user is "
+         "disabled."},
+        {"USER_N=card16 PASSWORD_N=x PASSWORD_FILE_N=" + good,
+         "KX_MOM_PASSWORD_N and KX_MOM_PASSWORD_FILE_N are both set"},
+        {"USER_N=card16 PASSWORD_FILE_N=" + none,
+         "cannot read KX_MOM_PASSWORD_FILE_N '" + none + "': No such file or directory"},
+        {"USER_N=card16", "KX_MOM_USER_N is set without KX_MOM_PASSWORD_N"},
+        {"USER=nobody PASSWORD=n0t-it USER_N=card16 PASSWORD_FILE_N=" + good, ""},
+        {"USER=card16 PASSWORD_FILE=" + good, ""},
+    };
+    kx_global_t *g = kx_global_init("connect_test", nullptr);
+    int32_t db = 2;
+    for (const auto &[settings, said] : cases) {
+        auto own = [&](std::string text) {
+            for (size_t at; (at = text.find("_N")) != std::string::npos;)
+                text.replace(at, 2, "_" + std::to_string(db));
+            return text;
+        };
+        Env env = {{"KX_MOM_ADDR", server.addr()}};
+        std::istringstream words(own(settings));
+        for (std::string w; words >> w;)
+            env["KX_MOM_" + w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
+        std::string at = "db " + std::to_string(db) + ": " + server.addr() + ": ";
+        EXPECT_EQ(connect(g, db, env),
+                  said.empty() ? "0 " : "-1007 kx_mom: " + at + own(said) + "\n");
+        ++db;
+    }
+    kx_global_finish(g);
+}
+
+} // namespace
