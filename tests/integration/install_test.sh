@@ -13,10 +13,12 @@ diff -u - <(cd "$root" && find . ! -type d | sort) <<EOF_LIST
 .$prefix/bin/ssat
 .$prefix/lib/systemd/system/vek_cap.service
 .$prefix/sbin/vek_cap
+.$prefix/sbin/vek_cap-acl
 .$prefix/share/bash-completion/completions/kxctl
 .$prefix/share/bash-completion/completions/ssat
 .$prefix/share/doc/vek_cap/README.md
 .$prefix/share/doc/vek_cap/examples/redis-vek_cap.conf
+.$prefix/share/doc/vek_cap/examples/sentinel.conf
 .$prefix/share/doc/vek_cap/examples/vek_cap.env
 .$prefix/share/doc/vek_cap/examples/vek_cap.logrotate
 .$prefix/share/doc/vek_cap/examples/vek_cap.zlog
