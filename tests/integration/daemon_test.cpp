@@ -110,7 +110,9 @@ TEST_F(Daemon, UnderAStoppedServerTheShellAnswersAndSigtermEndsIt)
         ASSERT_LT(Clock::now(), until) << log();
         const auto asked = Clock::now();
         ASSERT_EQ(run({SSAT_BIN, "vek_cap", "help"}, {{"KX_ROOT", root_.path()}}).status, 0);
-        ASSERT_LT(Clock::now() - asked, 500ms);
+        // A loop held by the dead server would take the 2 s command timeout; a loaded
+        // machine (sanitizers, parallel tests) may take a few hundred ms to start ssat.
+        ASSERT_LT(Clock::now() - asked, 1500ms);
     }
     const auto asked = Clock::now();
     daemon_->signal(SIGTERM);
