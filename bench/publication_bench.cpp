@@ -6,12 +6,14 @@
 // daemon rounds take turns, so that both see the same machine; each figure is its best
 // round.
 //
-//   publication_bench [--cpus S,C] [--rounds R] [--idle] [--daemon PATH] [N ...]
+//   publication_bench [--cpus S,C] [--rounds R] [--idle] [--acl] [--daemon PATH] [N ...]
 //                                                          (default: 1000 10000)
 //
 // Also: a republication after a deletion notice; the daemon's peak RSS (VmHWM) before
 // and after the publications, with its anonymous and file-backed parts; with --idle,
-// its CPU time and context switches over 10 s idle while connected. Besides the table,
+// its CPU time and context switches over 10 s idle while connected; with --acl, the
+// daemon reaches db 28 as its card's user from deploy/vek_cap-acl, so that the server
+// checks every command against the card's rights. Besides the table,
 // one line per card for scripts/bench:
 //   publication N raw_us publish_us republish_us idle_hwm_kb hwm_kb anon_kb file_kb
 //   idle SECONDS CONTEXT_SWITCHES CPU_TICKS TICKS_PER_SECOND
@@ -23,6 +25,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -42,6 +45,7 @@ struct Settings {
     Cpus cpus;
     int rounds = 5;
     bool idle = false;
+    bool acl = false;
     std::string daemon = VEK_CAP_BIN; // this build's, unless another is named
 };
 
@@ -63,14 +67,19 @@ struct Redis {
     Redis(const Redis &) = delete;
     Redis &operator=(const Redis &) = delete;
     bool ok() const { return c && !c->err; }
-    void cmd(const std::vector<std::string> &argv)
+    void cmd(const std::vector<std::string> &argv) { text(argv); }
+    // The reply's text, empty unless it is a string or a status.
+    std::string text(const std::vector<std::string> &argv)
     {
         std::vector<const char *> args;
         std::vector<size_t> lens;
         for (const auto &a : argv)
             args.push_back(a.data()), lens.push_back(a.size());
-        freeReplyObject(
+        auto *r = static_cast<redisReply *>(
             redisCommandArgv(c, static_cast<int>(args.size()), args.data(), lens.data()));
+        std::string out = r && r->str ? std::string(r->str, r->len) : "";
+        freeReplyObject(r);
+        return out;
     }
 };
 
@@ -123,6 +132,39 @@ bool next_ready(Redis &sub)
         if (hset)
             return true;
     }
+}
+
+// The users vek_cap-acl writes for a card of node 16 and type 5, set on the server, all
+// but the default user: the bench's own connections and the daemon's db 3 and db 1 stay
+// the default user's. The daemon's environment for db 28 is added to `env`.
+bool add_card_user(Redis &r, const std::string &dir, testsupport::Env &env)
+{
+    testsupport::write_file(dir + "/chassis.txt", "card 16 5\n");
+    const std::string command =
+        std::string(VEK_CAP_ACL) + " " + dir + "/chassis.txt " + dir + "/secrets 2>&1";
+    FILE *acl = popen(command.c_str(), "r");
+    if (!acl)
+        return fail("cannot run vek_cap-acl");
+    std::string text;
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, acl)) > 0;)
+        text.append(buf, n);
+    if (pclose(acl) != 0)
+        return fail(("vek_cap-acl failed: " + text).c_str());
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::vector<std::string> argv{"ACL", "SETUSER"};
+        std::string word;
+        words >> word; // "user"
+        while (words >> word)
+            argv.push_back(word);
+        if (argv[2] != "default")
+            r.cmd(argv);
+    }
+    env["KX_MOM_USER_28"] = "card16";
+    env["KX_MOM_PASSWORD_FILE_28"] = dir + "/secrets/card16";
+    return true;
 }
 
 struct Figures {
@@ -178,13 +220,16 @@ bool run_card(int n, const Settings &s, bool idle, Figures *out)
     sub.cmd({"SUBSCRIBE", "__keyspace@28__:s_frame.cap_fe_ready|16|5"});
 
     const std::string log = root / "vek_cap.log";
-    Process daemon({s.daemon},
-                   {{"KX_ROOT", root.path()}, {"KX_MOM_ADDR", server.addr()}, {"KX_LOG", log}},
-                   root.path(), "vek_cap");
+    testsupport::Env env{{"KX_ROOT", root.path()}, {"KX_MOM_ADDR", server.addr()}, {"KX_LOG", log}};
+    if (s.acl && !add_card_user(host, root.path(), env))
+        return false;
+    Process daemon({s.daemon}, env, root.path(), "vek_cap");
     if (!testsupport::wait_for([&] {
             return testsupport::read_file(log).find("CHSS INFO subscribe ok") != std::string::npos;
         }))
         return fail("the daemon did not start");
+    if (s.acl && host.text({"CLIENT", "LIST"}).find(" user=card16 ") == std::string::npos)
+        return fail("the daemon is not connected as card16");
     out->idle_hwm_kb = proc_status(daemon.pid(), "VmHWM");
     // Every round is a whole publication: each local ready record has the table copied
     // again; and a whole republication, after a deletion notice.
@@ -220,6 +265,8 @@ int main(int argc, char **argv)
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--idle") == 0)
             s.idle = true;
+        else if (strcmp(argv[i], "--acl") == 0)
+            s.acl = true;
         else if (strcmp(argv[i], "--rounds") == 0 && i + 1 < argc)
             s.rounds = std::max(1, std::atoi(argv[++i]));
         else if (strcmp(argv[i], "--daemon") == 0 && i + 1 < argc)
@@ -236,8 +283,8 @@ int main(int argc, char **argv)
             return 1;
         all.push_back(f);
     }
-    printf("best of %d rounds, Unix socket, %s; raw = one hiredis HSET of 3 fields\n", s.rounds,
-           s.cpus.name().c_str());
+    printf("best of %d rounds, Unix socket, %s%s; raw = one hiredis HSET of 3 fields\n", s.rounds,
+           s.cpus.name().c_str(), s.acl ? ", db 28 as the card's ACL user" : "");
     printf("%9s %8s %12s %8s %12s %8s %9s %9s %9s\n", "entries", "raw us", "publish ms", "/ N raw",
            "republish", "/ N raw", "idle kB", "VmHWM kB", "anon kB");
     for (const Figures &f : all) {
