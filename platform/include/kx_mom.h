@@ -86,12 +86,23 @@ typedef int32_t (*kx_mom_reconnect_cb)(kx_global_t *global, int32_t db, int32_t 
 int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db);
 // A database whose connection breaks is down: its disconnect callback runs once
 // (from the loop), its calls fail at once with KX_MOM_ENOTCONN, and libkx
-// reconnects on a timer. Then the reconnect callback gets KX_MOM_RECONNECT_SAME
-// or KX_MOM_RECONNECT_RESTARTED, the database's subscriptions are restored and
-// every subscription of every database is confirmed again with
-// KX_MOM_CMD_SUBSCRIBED, once each (also one the reconnect callback subscribes
-// again). The reconnect never holds the loop: a server that does not answer within
-// 2 s is tried again later. `flags` is unused: pass 0.
+// reconnects on a timer (100 ms doubling to 5 s; from 100 ms again after a connection
+// that held 5 s). The reconnect never holds the loop: a server that does not answer
+// within 2 s is tried again later. Once it is back:
+// - the writes and deletions that failed because it was away are made, the last one
+//   meant for each key, in the order meant, before anything else runs;
+// - the reconnect callback gets KX_MOM_RECONNECT_SAME or KX_MOM_RECONNECT_RESTARTED;
+// - its subscriptions are restored and each route gets what changed while it was away,
+//   once, as the lost notifications would have given it: a record new or changed as a
+//   change, a record gone as a deletion (decoded from its key). Nothing is delivered for
+//   what did not change, unless what the callback read when it last had the record
+//   (any read or scan it made during that delivery) changed: then the record is
+//   delivered again. KX_MOM_CMD_SUBSCRIBED comes only to a route subscribed (again)
+//   meanwhile, or by the reconnect callback. Routes of other databases are not touched,
+//   but for those whose last delivery read from this one, which are checked the same way;
+// - a delivery whose callback could not read this database while it was away is given
+//   again.
+// `flags` is unused: pass 0.
 int32_t kx_mom_client_set_disconnect_cb(kx_global_t *global, int32_t db, kx_mom_disconnect_cb cb,
                                         uint32_t flags);
 int32_t kx_mom_client_set_reconnect_cb(kx_global_t *global, int32_t db, kx_mom_reconnect_cb cb,

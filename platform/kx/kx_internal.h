@@ -28,6 +28,12 @@ void ssat_release(kx_global_t *global);
 // diagnostics go too.
 kx_zlog_category_t *log_sink();
 
+// One diagnostic of libkx: a line on stderr ("kx_mom: " first), and a record of the unit
+// platform/kx in log_sink() when there is one (kx_zlog.cpp).
+void log_at(int level, const char *func, int line, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+#define KX_LOG(level, ...) ::kx::log_at(KX_ZLOG_LEVEL_##level, __func__, __LINE__, __VA_ARGS__)
+
 // mkdir -p for the directory part of `path` (failures show when the path is used).
 void make_parent_dirs(const std::string &path);
 

@@ -1,13 +1,11 @@
 // kx_mom operations: reads, writes, deletions and scans on the command connection.
 //
 // A scan lists the table's keys with SCAN MATCH a page at a time and reads each page's
-// keys in batches, one script call per batch, delivering each record still present.
+// keys in batches (kx_mom_read.cpp), delivering each record still present.
 // Nothing is delivered while a batch is being read, so callbacks are free to make any
 // synchronous call on any database, including deleting records of the table being
 // scanned and nested scans.
 #include <algorithm>
-#include <array>
-#include <cstdlib>
 #include <utility>
 
 #include <xxhash.h>
@@ -30,122 +28,12 @@ constexpr size_t kScanPage = 128;
 constexpr size_t kScanReach = 2048;
 constexpr size_t kReadBatch = 32;
 
-int32_t server_refused(int32_t db, const std::string &key, const redisReply *r)
-{
-    KX_LOG(ERROR, "db %d: key '%s': the server refused: %.*s", db, printable(key).c_str(),
-           static_cast<int>(r->len), r->str);
-    return KX_MOM_ESERVER;
-}
-
 // Runs one write: 0, the transport's code, or the server's refusal.
 int32_t run_write(Database &d, const std::string &key, const Command &cmd)
 {
     Reply r;
     int32_t rc = run_command(d, cmd, &r);
     return rc == 0 && r->type == REDIS_REPLY_ERROR ? server_refused(d.db, key, r.get()) : rc;
-}
-
-// Records are read by a script that checks each one's size on the server first, so
-// that an oversized value never crosses the connection; one call reads a whole batch.
-// For each key it gives the value (GET) or the hash's fields (HGETALL), nil or an empty
-// array when the record is missing, the size when it is beyond the table's bound
-// (ARGV[1]), or the server's error for that key alone (WRONGTYPE).
-constexpr const char *kReadWhole = "#!lua flags=no-writes\n"
-                                   "local limit, out = tonumber(ARGV[1]), {}\n"
-                                   "for i = 1, #KEYS do\n"
-                                   "  local n = redis.pcall('STRLEN', KEYS[i])\n"
-                                   "  if type(n) == 'table' or n > limit then out[i] = n\n"
-                                   "  else out[i] = redis.call('GET', KEYS[i]) end\n"
-                                   "end\n"
-                                   "return out";
-constexpr const char *kReadHash = "#!lua flags=no-writes\n"
-                                  "local limit, out = tonumber(ARGV[1]), {}\n"
-                                  "for i = 1, #KEYS do\n"
-                                  "  local h = redis.pcall('HGETALL', KEYS[i])\n"
-                                  "  if h.err == nil then\n"
-                                  "    local n = 0\n"
-                                  "    for j = 1, #h do n = n + #h[j] end\n"
-                                  "    if n > limit then h = n end\n"
-                                  "  end\n"
-                                  "  out[i] = h\n"
-                                  "end\n"
-                                  "return out";
-
-// A record read with a field its table does not have: noted in the process's log only.
-// A tool prints the record without the field, which tells its user as much; the daemon's
-// log keeps the trace of a writer's typo or of a newer schema.
-void note_ignored_field(int32_t db, const std::string &what)
-{
-    constexpr std::string_view unit = "platform/kx", func = __func__;
-    if (kx_zlog_category_t *sink = log_sink())
-        kxdf_zlog(sink, unit.data(), unit.size(), func.data(), func.size(), __LINE__,
-                  KX_ZLOG_LEVEL_WARN, "db %d: %s", db, what.c_str());
-}
-
-// The hash result from the read of a hash record: no obj and error_code 0 when the
-// record is missing; nullptr (logged) only when memory runs out for the result itself.
-kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
-                                 const ProtobufCMessageDescriptor *table, const redisReply *r)
-{
-    if (r->type == REDIS_REPLY_ERROR)
-        return new_hash_res(db, key, server_refused(db, key, r));
-    std::string error; // made only for a record that fails: most do not
-    kx_mom_hash_res *res = nullptr;
-    if (r->type == REDIS_REPLY_INTEGER) {
-        error = oversized(table, key, r->integer);
-        res = new_hash_res(db, key, KX_MOM_EPROTO);
-    } else if (r->type != REDIS_REPLY_ARRAY || r->elements % 2 != 0) {
-        error = "key '" + printable(key) + "': the read gave an unexpected reply";
-        res = new_hash_res(db, key, KX_MOM_EPROTO);
-    } else if (r->elements == 0) {
-        res = new_hash_res(db, key, 0);
-    } else {
-        std::vector<FieldValue> fields;
-        fields.reserve(r->elements / 2);
-        for (size_t i = 0; i + 1 < r->elements; i += 2) {
-            const redisReply *name = r->element[i];
-            const redisReply *value = r->element[i + 1];
-            fields.push_back({{name->str, name->len}, {value->str, value->len}});
-        }
-        res = decode_hash(db, key, table, fields, &error);
-    }
-    if (!res || res->error_code == KX_MOM_ENOMEM)
-        KX_LOG(ERROR, "db %d: key '%s': out of memory", db, printable(key).c_str());
-    else if (res->error_code != 0)
-        KX_LOG(WARN, "db %d: %s", db, error.c_str());
-    else if (!error.empty())
-        note_ignored_field(db, error);
-    return res;
-}
-
-// The record from the read of a whole value; nullptr with *code 0 when it is missing.
-ProtobufCMessage *whole_from_reply(int32_t db, const std::string &key,
-                                   const ProtobufCMessageDescriptor *table, const redisReply *r,
-                                   int32_t *code)
-{
-    *code = 0;
-    std::string error;
-    Message record;
-    switch (r->type) {
-    case REDIS_REPLY_NIL:
-        return nullptr;
-    case REDIS_REPLY_ERROR:
-        *code = server_refused(db, key, r);
-        return nullptr;
-    case REDIS_REPLY_STRING:
-        *code = decode_whole(table, key, {r->str, r->len}, &record, &error);
-        break;
-    case REDIS_REPLY_INTEGER:
-        *code = KX_MOM_EPROTO;
-        error = oversized(table, key, r->integer);
-        break;
-    default:
-        *code = KX_MOM_EPROTO;
-        error = "key '" + printable(key) + "': the read gave an unexpected reply";
-    }
-    if (*code != 0)
-        KX_LOG(WARN, "db %d: %s", db, error.c_str());
-    return record.release();
 }
 
 // Notes for the scans delivering from `d` that a record was deleted.
@@ -217,8 +105,8 @@ int32_t read_step(Database &d, ScanWork &w)
     std::vector<std::string> batch(std::make_move_iterator(w.pending.begin()),
                                    std::make_move_iterator(w.pending.begin() + n));
     w.pending.erase(w.pending.begin(), w.pending.begin() + n);
-    Reply r;
-    if (int32_t rc = run_command(d, read_command(w.table, batch), &r); rc != 0)
+    Reads read;
+    if (int32_t rc = read.run(d, w.table, batch); rc != 0)
         return rc;
     w.deleted.clear();
     DeliveringScan delivering(d, w);
@@ -229,16 +117,21 @@ int32_t read_step(Database &d, ScanWork &w)
         const std::string &key = batch[i];
         if (w.deleted.count(key))
             continue;
-        Payload p =
-            payload_from_reply(d.db, key, w.table, read_result(r.get(), i), KX_MOM_CMD_HSET);
+        if (!missing(read.at(i)))
+            w.sum += digest(read.at(i));
+        if (w.visit) {
+            w.visit(d, w, key, read.at(i));
+            continue;
+        }
+        Payload p = payload_from_reply(d.db, key, w.table, read.at(i), KX_MOM_CMD_HSET);
         if (p.cmd != 0)
             deliver(w.global, w.cb, w.privdata, d.db, w.table, p.cmd, p.data(), key.c_str(), 0);
     }
     return d.epoch == epoch ? 0 : KX_MOM_EIO;
 }
 
-// One batch of reads and their deliveries while keys are pending, else the next SCAN
-// page. 1 while there is more to do, 0 at the end, or the error.
+} // namespace
+
 int32_t scan_step(ScanWork &w)
 {
     int32_t code = 0;
@@ -250,6 +143,8 @@ int32_t scan_step(ScanWork &w)
         return rc;
     return !w.listed || !w.pending.empty() ? 1 : 0;
 }
+
+namespace {
 
 int32_t start_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key, kx_mom_cb cb,
                    void *privdata, ScanWork *w)
@@ -319,42 +214,6 @@ bool selects_glob(const ProtobufCMessage *key, std::string *match)
     return glob;
 }
 
-Command read_command(const ProtobufCMessageDescriptor *table, std::span<const std::string> keys)
-{
-    // The key count as text, for the commands' string views to point at.
-    static const auto counts = [] {
-        std::array<std::string, kReadBatch + 1> texts;
-        for (size_t i = 0; i < texts.size(); ++i)
-            texts[i] = std::to_string(i);
-        return texts;
-    }();
-    Command cmd = {"EVAL_RO", stored_whole(table) ? kReadWhole : kReadHash, counts.at(keys.size())};
-    cmd.insert(cmd.end(), keys.begin(), keys.end());
-    cmd.push_back(value_limit(table).text);
-    return cmd;
-}
-
-const redisReply *read_result(const redisReply *reply, size_t i)
-{
-    return reply->type == REDIS_REPLY_ARRAY && i < reply->elements ? reply->element[i] : reply;
-}
-
-Payload payload_from_reply(int32_t db, const std::string &key,
-                           const ProtobufCMessageDescriptor *table, const redisReply *r,
-                           int32_t hash_cmd)
-{
-    Payload p;
-    if (stored_whole(table)) {
-        int32_t code = 0;
-        p.record.reset(whole_from_reply(db, key, table, r, &code));
-        p.cmd = p.record ? KX_MOM_CMD_SET : 0;
-    } else {
-        p.hash.reset(hash_from_reply(db, key, table, r));
-        p.cmd = p.hash && (p.hash->obj || p.hash->error_code != 0) ? hash_cmd : 0;
-    }
-    return p;
-}
-
 } // namespace kx
 
 int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
@@ -364,7 +223,10 @@ int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage
     int32_t rc = kx::start_scan(global, db, key, cb, privdata, &w);
     while (rc == 0 && (rc = kx::scan_step(w)) == 1)
         rc = 0;
-    return rc;
+    std::string selection;
+    if (rc == 0)
+        kx::note_input(global, {db, w.glob, kx::selects_glob(key, &selection), w.sum});
+    return kx::note_unreachable(global, db, rc);
 }
 
 int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key, uint32_t,
@@ -373,7 +235,7 @@ int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key
     auto scan = std::make_unique<kx::AsyncScan>();
     int32_t rc = kx::start_scan(global, db, key, cb, privdata, &scan->work);
     if (rc != 0)
-        return rc;
+        return kx::note_unreachable(global, db, rc);
     scan->turn.reset(evtimer_new(global->base, kx::on_async_turn, scan.get()));
     timeval now{0, 0};
     if (!scan->turn || evtimer_add(scan->turn.get(), &now) != 0)
@@ -387,33 +249,38 @@ void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *k
     int32_t ignored = 0;
     int32_t &code = error ? *error : ignored;
     kx::Database *d = kx::record_call(global, db, key, &code);
-    if (!d)
+    if (!d) {
+        kx::note_unreachable(global, db, code);
         return nullptr;
+    }
     std::string k = kx::record_key(key);
-    kx::Reply r;
-    code = kx::run_command(*d, kx::read_command(key->descriptor, {&k, 1}), &r);
+    kx::Reads read;
+    code = kx::note_unreachable(global, db, read.run(*d, key->descriptor, {&k, 1}));
     if (code != 0)
         return nullptr;
+    kx::note_input(global, {db, k, false, kx::missing(read.at(0)) ? 0 : kx::digest(read.at(0))});
     // A missing record is no object and no error: the caller's "no record" path.
-    const redisReply *result = kx::read_result(r.get(), 0);
     if (kx::stored_whole(key->descriptor))
-        return kx::whole_from_reply(db, k, key->descriptor, result, &code);
-    kx::HashRes res(kx::hash_from_reply(db, k, key->descriptor, result));
+        return kx::whole_from_reply(db, k, key->descriptor, read.at(0), &code);
+    kx::HashRes res(kx::hash_from_reply(db, k, key->descriptor, read.at(0)));
     code = res ? res->error_code : KX_MOM_ENOMEM;
     return res ? std::exchange(res->obj, nullptr) : nullptr;
 }
 
 kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
 {
+    if (!kx::hash_table(key))
+        return nullptr;
     int32_t code = 0;
-    kx::Database *d = kx::hash_table(key) ? kx::record_call(global, db, key, &code) : nullptr;
-    if (!d)
-        return nullptr;
+    kx::Database *d = kx::record_call(global, db, key, &code);
     std::string k = kx::record_key(key);
-    kx::Reply r;
-    if (kx::run_command(*d, kx::read_command(key->descriptor, {&k, 1}), &r) != 0)
+    kx::Reads read;
+    if (d)
+        code = read.run(*d, key->descriptor, {&k, 1});
+    if (kx::note_unreachable(global, db, code) != 0)
         return nullptr;
-    return kx::hash_from_reply(db, k, key->descriptor, kx::read_result(r.get(), 0));
+    kx::note_input(global, {db, k, false, kx::missing(read.at(0)) ? 0 : kx::digest(read.at(0))});
+    return kx::hash_from_reply(db, k, key->descriptor, read.at(0));
 }
 
 int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *record,
@@ -423,9 +290,6 @@ int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessag
     int32_t rc = kx::encode_write(record, field_tag, field_len, &w);
     if (rc != 0)
         return rc;
-    kx::Database *d = kx::up_database(global, db, &rc);
-    if (!d)
-        return rc;
     kx::Command cmd = {w.whole ? "SET" : "HSET", w.key};
     if (w.whole)
         cmd.push_back(w.value);
@@ -433,18 +297,26 @@ int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessag
         cmd.push_back(f.name);
         cmd.push_back(f.text);
     }
-    return kx::run_write(*d, w.key, cmd);
+    kx::Database *d = kx::up_database(global, db, &rc);
+    if (d)
+        rc = kx::run_write(*d, w.key, cmd);
+    if (rc == KX_MOM_ENOTCONN || rc == KX_MOM_EIO)
+        kx::keep_write(global, db, w);
+    return rc;
 }
 
 int32_t kx_mom_del_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key)
 {
     int32_t rc = 0;
     kx::Database *d = kx::record_call(global, db, key, &rc);
-    if (!d)
+    if (rc == KX_MOM_EINVAL)
         return rc;
     std::string k = kx::record_key(key);
-    rc = kx::run_write(*d, k, {"DEL", k});
+    if (d)
+        rc = kx::run_write(*d, k, {"DEL", k});
     if (rc == 0)
         kx::note_deleted(*d, k);
+    if (rc == KX_MOM_ENOTCONN || rc == KX_MOM_EIO)
+        kx::keep_delete(global, db, k);
     return rc;
 }

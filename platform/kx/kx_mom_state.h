@@ -1,7 +1,8 @@
 // kx_mom behind the handle: per database its two connections, its subscription
-// routes and the scans reading from it. Shared by kx_mom.cpp (the operations),
-// kx_mom_conn.cpp (connections, failure and reconnect) and kx_mom_sub.cpp
-// (subscriptions and notifications).
+// routes, the scans reading from it and what it owes since it was away. Shared by
+// kx_mom.cpp (the operations), kx_mom_read.cpp (reading records now), kx_mom_conn.cpp
+// (connections, failure and reconnect), kx_mom_sub.cpp (subscriptions and notifications)
+// and kx_mom_recover.cpp (what a lost connection costs: reconciled routes, kept writes).
 //
 // Re-entrancy. libkx hands deliveries to callbacks in the middle of its own work
 // (dispatching a notification, delivering a scan batch, reading the subscriber
@@ -27,59 +28,79 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 #include <event2/event.h>
-#include <hiredis/hiredis.h>
 
 #include "kx_codec.h"
+#include "kx_handshake.h"
 #include "kx_internal.h"
 #include "kx_mom.h"
-#include "kx_zlog.h"
 
 namespace kx {
 
-struct ReplyFree {
-    void operator()(redisReply *r) const { freeReplyObject(r); }
-};
-using Reply = std::unique_ptr<redisReply, ReplyFree>;
-struct ContextFree {
-    void operator()(redisContext *c) const { redisFree(c); }
-};
-using Context = std::unique_ptr<redisContext, ContextFree>;
 struct EventFree {
     void operator()(event *e) const { event_free(e); }
 };
 using Event = std::unique_ptr<event, EventFree>;
 
-// One diagnostic: a line on stderr ("kx_mom: " first), and a record of the unit
-// platform/kx in the process's log sink when it has made one (kx_zlog_init).
-void log_at(int level, const char *func, int line, const char *fmt, ...)
-    __attribute__((format(printf, 4, 5)));
-#define KX_LOG(level, ...) ::kx::log_at(KX_ZLOG_LEVEL_##level, __func__, __LINE__, __VA_ARGS__)
+struct Database;
 
-// Where a database lives (KX_MOM_ADDR_<db>, else KX_MOM_ADDR, else the default). A
-// sentinel endpoint names the sentinels to ask and the primary to ask them for; `where`
-// and `port` are then that primary's, once a sentinel has named it.
-struct Endpoint {
-    bool unix_socket = false;
-    std::string where; // socket path or host
-    int port = 0;
-    std::string text; // as configured, for messages
-    std::vector<Endpoint> sentinels;
-    std::string primary_of; // the name the sentinels monitor the primary by
+// A selection read by a route delivery's callback (a record, or a whole table), and what
+// it held: its records' digests, added.
+struct Input {
+    int32_t db;
+    std::string selection; // a key, or a table glob
+    bool glob;
+    uint64_t sum;
+};
+
+// What a route delivered for one record: the digest of the value it was delivered
+// with, and what the callback read meanwhile. A record is delivered again when either
+// changed. Memory: the key, 8 bytes and an empty vector for most records.
+struct Noted {
+    uint64_t digest;
+    std::vector<Input> inputs;
+};
+
+// How far what a route delivered can be trusted to be what the store holds.
+enum class Followed {
+    not_yet, // never confirmed: what it covers is still to be read
+    live,    // confirmed and followed since: every change came as a notification
+    lost,    // its connection was lost since, or a delivery of it was cut short
 };
 
 // One callback following one record (SUBSCRIBE) or one table (PSUBSCRIBE).
 struct Route {
+    int32_t db;
     const ProtobufCMessageDescriptor *table;
     std::string channel; // channel or pattern, as sent to the server
     bool pattern;
     std::string key; // the record key or table glob, handed to the callback
     kx_mom_cb cb;
     void *privdata;
-    bool pending = false; // its (P)SUBSCRIBE is queued or sent, not yet answered
+    bool pending = false;  // its (P)SUBSCRIBE is queued or sent, not yet answered
+    bool announce = false; // the caller subscribed: cmd 29 is due once it is confirmed
+    Followed followed = Followed::not_yet;
+    // What it delivered, per record key (kx_mom_recover.cpp).
+    std::unordered_map<std::string, Noted> delivered = {};
+};
+
+// The route delivery under way: what its callback reads is noted with it, and a read
+// that finds another database away owes the route a reconcile once that one is back.
+struct Delivery {
+    Route *route;
+    bool owed = false;
+    std::vector<Input> inputs = {};
+};
+
+// A write kept while its database is away: the last one meant for its key.
+struct Intent {
+    bool del = false;                 // DEL first (a deletion, or fields written after one)
+    std::optional<std::string> whole; // SET key value
+    std::vector<std::pair<std::string, std::string>> fields; // HSET key name value...
 };
 
 // The keys a scan has taken, as 64-bit hashes: the server may give a key on two pages,
@@ -125,41 +146,20 @@ struct ScanWork {
     kx_mom_cb cb = nullptr;
     void *privdata = nullptr;
     std::unordered_set<std::string> deleted;
+    uint64_t sum = 0; // the digests of the records read, added
+    // What is done with each record read (a hash result's reply, a whole value, nil or an
+    // empty array when missing): delivered to cb when null, else what `visit` makes of it.
+    void (*visit)(Database &d, ScanWork &w, const std::string &key, const redisReply *r) = nullptr;
+    void *visit_arg = nullptr;
 };
 
 enum class Link { never, up, down };
-
-// Opening a database's two connections and checking its server, step by step
-// (kx_mom_conn.cpp). Both connections stay non-blocking until it is done: the loop,
-// or poll() for kx_mom_client_connect_sync, waits for the sockets.
-struct Handshake {
-    Endpoint endpoint;
-    std::optional<std::string> user; // the ACL user to AUTH as (else "default")
-    std::optional<std::string> password;
-    Context ask;              // the sentinel being asked for the primary
-    size_t next_sentinel = 0; // the one to ask after it
-    std::string unanswered;   // why the sentinels asked so far named no primary
-    int stage = 0;            // a new time limit starts: each sentinel, then the primary
-    int timed_stage = -1;     // the stage the deadline is set for
-    Context cmd;
-    Context sub;
-    size_t step = 0;     // the step under way
-    bool sent = false;   // its commands are queued
-    size_t expected = 0; // replies it waits for
-    std::vector<Reply> replies;
-    bool answered = false; // the server has replied to something
-    std::string notify;    // notify-keyspace-events as the server has it
-    std::string run_id;
-    int32_t code = 0; // why it failed: the code and a line
-    std::string why;
-    Event io;       // the loop waiting for the socket in use
-    Event deadline; // the loop's limit for the whole handshake
-};
 
 struct Database {
     kx_global *global = nullptr;
     int32_t db = 0;
     Endpoint endpoint;
+    std::chrono::steady_clock::time_point up_since;
     Link link = Link::never;
     uint64_t epoch = 0; // changes whenever the connections are made or dropped
     Context cmd;        // synchronous commands: blocking, with the command timeout
@@ -170,7 +170,7 @@ struct Database {
     Event timer;     // the disconnect callback, then connection retries
     bool disconnect_pending = false;
     std::string retry_failure; // why the last reconnect failed: a repeat is not logged again
-    int retry_ms = 0;
+    int retry_ms = 0;          // the last wait before a connection attempt; 0: none yet
     std::string run_id;
     kx_mom_disconnect_cb on_disconnect = nullptr;
     kx_mom_reconnect_cb on_reconnect = nullptr;
@@ -178,6 +178,13 @@ struct Database {
     std::deque<Route *> unconfirmed;            // pending routes, in the order sent
     std::vector<ScanWork *> scans;              // scans delivering from this db now
     std::unique_ptr<Handshake> dial;            // the reconnect under way
+    Event dial_io;                              // the loop waiting for its socket
+    Event dial_deadline;                        // the loop's limit for its stage
+    // Since it was away: the writes it owes (the last per key, in the order meant) and
+    // the routes of other databases whose deliveries needed it.
+    std::list<std::pair<std::string, Intent>> kept;
+    std::unordered_map<std::string, decltype(kept)::iterator> kept_at;
+    std::vector<Route *> owed;
 };
 
 // kx_mom_scan: the same work, one step per loop turn.
@@ -192,11 +199,10 @@ struct kx::mom_state {
     std::map<int32_t, std::unique_ptr<Database>> dbs;
     // kx_mom_scan work under way; released (declared after dbs) before the databases.
     std::list<std::unique_ptr<AsyncScan>> async_scans;
+    Delivery *delivering = nullptr;
 };
 
 namespace kx {
-
-using Command = std::vector<std::string_view>;
 
 // The database entry of `db`, created on first use; nullptr for a bad handle or db.
 Database *database(kx_global *global, int32_t db);
@@ -207,21 +213,15 @@ Database *up_database(kx_global *global, int32_t db, int32_t *code);
 // disconnect callback and retry. Harmless when it is not up.
 void mark_down(Database &d, const char *why);
 
-// Appends `cmd` to the output buffer of `c`; REDIS_OK or REDIS_ERR.
-int append_command(redisContext *c, const Command &cmd);
 // Runs `cmds` pipelined on the command connection, one reply each. An I/O
 // failure marks the database down and gives KX_MOM_EIO.
 int32_t run_commands(Database &d, std::span<const Command> cmds, std::vector<Reply> *replies);
 int32_t run_command(Database &d, const Command &cmd, Reply *reply);
 
-// "__keyspace@<db>__:", what every channel of `db` starts with.
-std::string keyspace_prefix(int32_t db);
 // Queues (P)SUBSCRIBE for `route` unless it is pending already or the database is
-// down (the reconnect sends it); the loop writes it and delivers cmd 29 when the
+// down (the reconnect sends it); the loop writes it and settles the route when the
 // server confirms. No I/O here: a broken connection shows in the loop.
 void send_subscribe(Database &d, Route &route);
-// After `d` came back: its routes again, then every route of every other db.
-void resubscribe_all(Database &d);
 // The loop's handlers of the subscriber connection.
 void on_subscriber_readable(evutil_socket_t fd, short what, void *arg);
 void on_subscriber_writable(evutil_socket_t fd, short what, void *arg);
@@ -235,18 +235,37 @@ void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
 // A single-record table has one key: it is followed like one record.
 bool selects_glob(const ProtobufCMessage *key, std::string *match);
 
-// The command reading records `keys` of `table` now (GET or HGETALL, each bounded), one
-// script for them all: its reply is an array with one element per key.
-Command read_command(const ProtobufCMessageDescriptor *table, std::span<const std::string> keys);
-// The element of `reply` (to read_command) about the i-th key; the reply itself when the
-// whole read failed (an error, an unexpected reply), so that every key gets that.
-const redisReply *read_result(const redisReply *reply, size_t i);
+// Reads records `keys` of `table` now (kx_mom_read.cpp), never transferring one beyond
+// its table's bound. For each key, at(i) gives what the store holds: the value (GET), the
+// fields (HGETALL), nil or an empty array when it is missing, the size (an integer) when
+// it is beyond the bound, or the server's error about that key alone.
+class Reads {
+public:
+    // 0, or the transport's code (the database is then down).
+    int32_t run(Database &d, const ProtobufCMessageDescriptor *table,
+                std::span<const std::string> keys);
+    const redisReply *at(size_t i) const;
+
+private:
+    std::vector<Reply> probes_, replies_;
+    std::vector<const redisReply *> results_;
+};
+
+// True when a read found no record.
+bool missing(const redisReply *r);
+// What a read gave for a record, as 64 bits: the same value always gives the same
+// digest, whatever the order of its hash fields. Never kUnsure.
+uint64_t digest(const redisReply *r);
+// The digest of a record whose last delivery did not go through, or whose notification
+// came but could not be read: whatever the store holds is delivered again.
+constexpr uint64_t kUnsure = 0;
 
 // A record read now, as delivered: the decoded record with KX_MOM_CMD_SET for
 // the whole-value table, else the hash result with `hash_cmd` (also when it
 // carries an error_code); cmd 0 when the record is gone or its value is unusable.
 struct Payload {
     int32_t cmd = 0;
+    uint64_t digest = 0; // of what was read, when cmd is not 0
     Message record;
     HashRes hash;
     void *data() const { return hash ? static_cast<void *>(hash.get()) : record.get(); }
@@ -254,6 +273,46 @@ struct Payload {
 Payload payload_from_reply(int32_t db, const std::string &key,
                            const ProtobufCMessageDescriptor *table, const redisReply *r,
                            int32_t hash_cmd);
+// The record of `key`, as hash_from_reply and whole_from_reply make them (kx_mom_read.cpp).
+kx_mom_hash_res *hash_from_reply(int32_t db, const std::string &key,
+                                 const ProtobufCMessageDescriptor *table, const redisReply *r);
+ProtobufCMessage *whole_from_reply(int32_t db, const std::string &key,
+                                   const ProtobufCMessageDescriptor *table, const redisReply *r,
+                                   int32_t *code);
+// The server refused a command about `key`: logged, KX_MOM_ESERVER.
+int32_t server_refused(int32_t db, const std::string &key, const redisReply *r);
+
+// One step of a scan (kx_mom.cpp): a batch of reads and what is done with them while keys
+// are pending, else the next SCAN page. 1 while there is more to do, 0 at the end, or
+// the error.
+int32_t scan_step(ScanWork &w);
+
+// Recovery (kx_mom_recover.cpp).
+// Hands `route` one delivery (cmd 29 with no data, or a record) and notes what it
+// delivered: `digest` for a record present, none for a deletion. A delivery cut short
+// (its connection lost meanwhile, or a read it made found another database away) is
+// noted as unsure, or cmd 29 as still due, so that it is delivered again. False when
+// the route's connection went.
+bool deliver_to_route(Database &d, Route &route, int32_t cmd, void *data, const std::string &key,
+                      std::optional<uint64_t> digest);
+// The route's subscription is in place: what it covers is brought up to date (its
+// changes delivered if it was lost, read silently the first time) and cmd 29 is
+// delivered if the caller asked for it.
+void settle(Database &d, Route &route);
+// A read on `db` failed for want of its connection: the route delivery under way, if
+// any, is owed to it. Gives `rc` back.
+int32_t note_unreachable(kx_global *global, int32_t db, int32_t rc);
+// A read made: noted with the route delivery under way, if any.
+void note_input(kx_global *global, Input input);
+// A write or deletion that failed for want of its database's connection, kept for when
+// it is back (a database never connected keeps nothing).
+void keep_write(kx_global *global, int32_t db, const Write &w);
+void keep_delete(kx_global *global, int32_t db, const std::string &key);
+// `d` is back: the writes it kept are made, in order; false when it was lost again.
+bool make_kept_writes(Database &d);
+// `d` is back, its reconnect callback has run: its own routes are subscribed again
+// (each settles when confirmed), and the routes that owed it a delivery are reconciled.
+void restore_routes(Database &d);
 
 } // namespace kx
 

@@ -10,7 +10,9 @@
 //
 // A route is never lost: one asked for while the database is down, or whose
 // confirmation a lost connection took away, is sent when the database is back. One
-// already pending is not sent again, so each gets one confirmation per reconnect.
+// already pending is not sent again, so a caller gets one confirmation per request.
+// What a route delivers is noted (kx_mom_recover.cpp), so that after a lost connection
+// it is given what changed meanwhile, and nothing else.
 #include <algorithm>
 #include <string>
 
@@ -64,8 +66,7 @@ void confirm(Database &d, std::string_view channel, bool pattern)
     Route *route = *it;
     d.unconfirmed.erase(it);
     route->pending = false;
-    deliver(d.global, route->cb, route->privdata, d.db, route->table, KX_MOM_CMD_SUBSCRIBED,
-            nullptr, route->key.c_str(), 0);
+    settle(d, *route);
 }
 
 // The payload of one event, read now; cmd 0 when there is nothing to deliver.
@@ -84,10 +85,10 @@ Payload read_payload(Database &d, const ProtobufCMessageDescriptor *table, const
         p.record = std::move(from_key);
         return p;
     }
-    Reply r;
-    if (run_command(d, read_command(table, {&key, 1}), &r) != 0)
+    Reads read;
+    if (read.run(d, table, {&key, 1}) != 0)
         return p;
-    return payload_from_reply(d.db, key, table, read_result(r.get(), 0),
+    return payload_from_reply(d.db, key, table, read.at(0),
                               action == Action::changed ? KX_MOM_CMD_HSET : KX_MOM_CMD_HDEL);
 }
 
@@ -111,13 +112,19 @@ void dispatch(Database &d, std::string_view channel, const redisReply *pattern,
     if (action == Action::ignore)
         return;
     std::string key(channel.substr(prefix.size()));
-    uint64_t epoch = d.epoch;
+    const uint64_t epoch = d.epoch;
     Payload p = read_payload(d, table, key, action);
-    for (Route *route : routes) {
-        if (p.cmd == 0 || d.epoch != epoch)
+    if (d.epoch != epoch) // it changed, but how is for the reconcile to read
+        for (Route *route : routes)
+            route->delivered[key] = {kUnsure, {}};
+    if (p.cmd == 0)
+        return;
+    std::optional<uint64_t> digest;
+    if (p.cmd != KX_MOM_CMD_DEL)
+        digest = p.digest;
+    for (Route *route : routes)
+        if (!deliver_to_route(d, *route, p.cmd, p.data(), key, digest))
             return;
-        deliver(d.global, route->cb, route->privdata, d.db, table, p.cmd, p.data(), key.c_str(), 0);
-    }
 }
 
 // The server refused a (P)SUBSCRIBE (NOPERM for a channel the ACL user lacks):
@@ -191,8 +198,6 @@ void on_subscriber_writable(evutil_socket_t, short, void *arg)
         event_add(d.sub_write.get(), nullptr);
 }
 
-std::string keyspace_prefix(int32_t db) { return "__keyspace@" + std::to_string(db) + "__:"; }
-
 void send_subscribe(Database &d, Route &route)
 {
     if (route.pending || d.link != Link::up)
@@ -205,20 +210,6 @@ void send_subscribe(Database &d, Route &route)
     route.pending = true;
     d.unconfirmed.push_back(&route);
     event_add(d.sub_write.get(), nullptr);
-}
-
-void resubscribe_all(Database &d)
-{
-    // Restore what this database followed, then have every subscription of every
-    // database confirmed again: the callbacks' catch-up reads run anew and find
-    // what changed, and what could not be written while a database was away.
-    std::vector<Database *> order{&d};
-    for (auto &[db, other] : d.global->mom->dbs)
-        if (other.get() != &d)
-            order.push_back(other.get());
-    for (Database *db : order)
-        for (const auto &route : db->routes)
-            send_subscribe(*db, *route);
 }
 
 } // namespace kx
@@ -243,9 +234,16 @@ int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage
     auto it = std::find_if(d->routes.begin(), d->routes.end(), same);
     if (it == d->routes.end()) {
         d->routes.push_back(std::make_unique<kx::Route>(
-            kx::Route{key->descriptor, channel, pattern, record, cb, privdata}));
+            kx::Route{.db = db,
+                      .table = key->descriptor,
+                      .channel = channel,
+                      .pattern = pattern,
+                      .key = record,
+                      .cb = cb,
+                      .privdata = privdata}));
         it = std::prev(d->routes.end());
     }
+    (*it)->announce = true;
     kx::send_subscribe(*d, **it);
     return 0;
 }

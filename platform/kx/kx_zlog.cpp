@@ -295,6 +295,22 @@ void kx::zlog_reopen()
 
 kx_zlog_category_t *kx::log_sink() { return libkx_sink; }
 
+void kx::log_at(int level, const char *func, int line, const char *fmt, ...)
+{
+    static constexpr std::string_view unit = "platform/kx";
+    char text[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    // One write per line, so that lines of concurrent writers do not mix.
+    std::string plain = std::string("kx_mom: ") + text + "\n";
+    fputs(plain.c_str(), stderr);
+    fflush(stderr);
+    if (libkx_sink)
+        kxdf_zlog(libkx_sink, unit.data(), unit.size(), func, strlen(func), line, level, "%s", text);
+}
+
 void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, const char *func,
                size_t funclen, long line, int level, const char *format, ...)
 {

@@ -84,7 +84,7 @@ RunResult run(const std::vector<std::string> &argv, const Env &env,
 }
 
 RedisServer::RedisServer(Options options)
-    : options_(std::move(options)), socket_(dir_ / "redis.sock")
+    : options_(std::move(options)), socket_(dir_ / "redis.sock"), reach_(socket_)
 {
     start();
 }
@@ -103,9 +103,19 @@ void RedisServer::start()
         throw std::runtime_error("redis-server did not start: " + read_file(dir_ / "redis.err"));
 }
 
+void RedisServer::away(bool away)
+{
+    const std::string aside = socket_ + ".away";
+    std::filesystem::rename(away ? socket_ : aside, away ? aside : socket_);
+    reach_ = away ? aside : socket_;
+    if (away)
+        for (const char *type : {"normal", "pubsub"})
+            cli(0, {"CLIENT", "KILL", "TYPE", type});
+}
+
 std::string RedisServer::cli(int db, const std::vector<std::string> &args) const
 {
-    std::vector<std::string> argv{"redis-cli", "-s", socket_, "-n", std::to_string(db)};
+    std::vector<std::string> argv{"redis-cli", "-s", reach_, "-n", std::to_string(db)};
     argv.insert(argv.end(), args.begin(), args.end());
     std::string out = run(argv).out;
     if (out.ends_with('\n'))

@@ -78,6 +78,9 @@ public:
     // order; a string as its one field "value"; a key of another type alone).
     std::vector<std::string> dump(int db) const;
     void restart() { start(); } // a new run: its run_id differs
+    // Out of its clients' reach (true): its socket file moved aside, where cli() still
+    // finds it, and every client connection closed. false brings the socket back.
+    void away(bool away);
 
 private:
     void start();
@@ -85,6 +88,7 @@ private:
     Options options_;
     TempDir dir_;
     std::string socket_;
+    std::string reach_; // where cli() finds the socket
     std::unique_ptr<Process> proc_; // killed first, before its directory goes
 };
 

@@ -1,0 +1,484 @@
+// The connect handshake: the commands that open a database's two connections and check
+// its server, step by step, as the sockets allow. Protocol only: whoever drives it waits
+// for the sockets (poll() in handshake_now, the loop for a reconnect) and owns the clock.
+//
+// Both connections are opened without waiting, then each step writes its commands and
+// reads their replies, within 2 s in all. With a sentinel endpoint the handshake first
+// asks the sentinels, in turn, where the primary is (each within 0.5 s), and the primary
+// must then say it is one: a failover leaves sentinels naming the old primary for a
+// while, and that one may come back as a replica.
+#include "kx_handshake.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+
+#include <poll.h>
+
+#include "kx_codec.h"
+
+namespace kx {
+namespace {
+
+constexpr std::chrono::milliseconds kHandshakeLimit{2000};
+constexpr std::chrono::milliseconds kSentinelLimit{500};
+constexpr int kNeededDatabases = 29;
+// Keyspace events on (K), for generic commands (g: del, rename, expire), hashes
+// (h), strings ($), expiry (x) and eviction (e).
+constexpr std::string_view kNeededNotify = "Kgh$xe";
+
+std::string user_name(const Handshake &h) { return h.settings.user.value_or("default"); }
+
+// The handshake fails for `what` at its endpoint.
+bool fail(Handshake &h, int32_t code, const std::string &what)
+{
+    h.code = code;
+    h.why = shown(h.settings.endpoint) + ": " + what;
+    return false;
+}
+
+redisContext *connect_without_waiting(const Endpoint &ep)
+{
+    return ep.unix_socket ? redisConnectUnixNonBlock(ep.where.c_str())
+                          : redisConnectNonBlock(ep.where.c_str(), ep.port);
+}
+
+// Opens both connections to the server, without waiting for them.
+bool open_server(Handshake &h)
+{
+    ++h.stage;
+    for (Context *c : {&h.cmd, &h.sub}) {
+        c->reset(connect_without_waiting(h.settings.endpoint));
+        if (!*c)
+            return fail(h, KX_MOM_ENOMEM, "out of memory");
+        if ((*c)->err)
+            return fail(h, KX_MOM_ENOTCONN, std::string("cannot connect: ") + (*c)->errstr);
+    }
+    return true;
+}
+
+// The sentinel asked last named no primary, for `why`.
+void unanswered(Handshake &h, const std::string &why)
+{
+    h.unanswered += (h.unanswered.empty() ? "" : "; ") +
+                    h.settings.endpoint.sentinels[h.next_sentinel - 1].text + ": " + why;
+}
+
+// Asks the next sentinel for the primary; with none left the handshake fails with
+// what each of them said.
+void ask_next_sentinel(Handshake &h)
+{
+    h.ask.reset();
+    ++h.stage;
+    const std::vector<Endpoint> &sentinels = h.settings.endpoint.sentinels;
+    while (h.next_sentinel < sentinels.size()) {
+        Context c(connect_without_waiting(sentinels[h.next_sentinel++]));
+        if (!c || (!c->err && append_command(c.get(), {"SENTINEL", "get-master-addr-by-name",
+                                                       h.settings.endpoint.primary_of}) != REDIS_OK)) {
+            fail(h, KX_MOM_ENOMEM, "out of memory");
+            return;
+        }
+        if (!c->err) {
+            h.ask = std::move(c);
+            return;
+        }
+        unanswered(h, c->errstr);
+    }
+    fail(h, KX_MOM_ENOTCONN,
+         "no sentinel named the primary of '" + printable(h.settings.endpoint.primary_of) +
+             "': " + h.unanswered);
+}
+
+// The sentinel asked did not name the primary, for `why`: the next one is asked.
+void sentinel_failed(Handshake &h, const std::string &why)
+{
+    unanswered(h, why);
+    ask_next_sentinel(h);
+}
+
+// Takes the primary's address from a sentinel's answer; false when it names none.
+bool take_primary(Handshake &h, const redisReply *r)
+{
+    if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
+        r->element[0]->type != REDIS_REPLY_STRING || r->element[1]->type != REDIS_REPLY_STRING)
+        return false;
+    Endpoint &ep = h.settings.endpoint;
+    ep.unix_socket = false;
+    ep.where.assign(r->element[0]->str, r->element[0]->len);
+    return parse_port(std::string_view(r->element[1]->str, r->element[1]->len), &ep.port);
+}
+
+// Waits for the sentinel asked to answer, then opens the connections to the primary
+// it names; one that fails or names none hands over to the next.
+Wait ask_sentinel(Handshake &h)
+{
+    while (h.ask) {
+        redisContext *c = h.ask.get();
+        int done = 0;
+        void *r = nullptr;
+        if (redisBufferWrite(c, &done) != REDIS_OK ||
+            (done && redisGetReplyFromReader(c, &r) != REDIS_OK)) {
+            sentinel_failed(h, io_failure(c));
+            continue;
+        }
+        if (!done)
+            return Wait::write;
+        if (!r)
+            return Wait::read;
+        Reply answer(static_cast<redisReply *>(r));
+        if (!take_primary(h, answer.get())) {
+            sentinel_failed(h, answer->type == REDIS_REPLY_NIL
+                                   ? "no primary named '" + printable(h.settings.endpoint.primary_of) + "'"
+                                   : reply_text(answer.get()));
+            continue;
+        }
+        h.ask.reset();
+        open_server(h);
+    }
+    return Wait::none;
+}
+
+// Queues one command of a step: 1, or 0 when out of memory.
+size_t queue(Handshake &h, redisContext *c, const Command &cmd)
+{
+    return append_command(c, cmd) == REDIS_OK ? 1 : (fail(h, KX_MOM_ENOMEM, "out of memory"), 0);
+}
+
+// The steps of the handshake. `send` queues a step's commands and gives their
+// number (0 skips the step); `accept` checks their replies.
+struct Step {
+    const char *name;
+    bool on_sub; // the subscriber connection, else the command connection
+    size_t (*send)(int32_t db, Handshake &h, redisContext *c);
+    bool (*accept)(int32_t db, Handshake &h, std::span<const Reply> replies);
+};
+
+// AUTH when a password is set, as the user when one is set too.
+size_t send_auth(int32_t, Handshake &h, redisContext *c)
+{
+    if (!h.settings.password)
+        return 0;
+    Command auth{"AUTH"};
+    if (h.settings.user)
+        auth.push_back(*h.settings.user);
+    auth.push_back(*h.settings.password);
+    return queue(h, c, auth);
+}
+
+bool accept_auth(int32_t, Handshake &h, std::span<const Reply> r)
+{
+    return r[0]->type != REDIS_REPLY_ERROR ||
+           fail(h, KX_MOM_ECONFIG,
+                "AUTH as '" + user_name(h) + "' refused: " + reply_text(r[0].get()));
+}
+
+// The server a sentinel named must be the primary: a replica would refuse every write.
+size_t send_role(int32_t, Handshake &h, redisContext *c)
+{
+    return h.settings.endpoint.sentinels.empty() ? 0 : queue(h, c, {"ROLE"});
+}
+
+bool accept_role(int32_t, Handshake &h, std::span<const Reply> r)
+{
+    const redisReply *reply = r[0].get();
+    if (reply->type == REDIS_REPLY_ERROR)
+        return fail(h, KX_MOM_ECONFIG,
+                    "ROLE refused: " + reply_text(reply) + ": allow ROLE for this user");
+    std::string role = reply->type == REDIS_REPLY_ARRAY && reply->elements > 0
+                           ? reply_text(reply->element[0])
+                           : reply_text(reply);
+    return role == "master" ||
+           fail(h, KX_MOM_ENOTCONN,
+                "the sentinels name it the primary of '" + printable(h.settings.endpoint.primary_of) +
+                    "' but its role is " + role + ": not connected until they name the primary");
+}
+
+// The value of a setting from its CONFIG GET reply; false with the failure set.
+bool config_value(Handshake &h, const redisReply *r, const char *name, std::string *value)
+{
+    if (r->type == REDIS_REPLY_ERROR && std::string_view(r->str, r->len).starts_with("NOAUTH"))
+        return fail(h, KX_MOM_ECONFIG,
+                    "the server needs a password: set KX_MOM_PASSWORD or KX_MOM_PASSWORD_FILE "
+                    "(and KX_MOM_USER for an ACL user), or their _<db> forms");
+    if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
+        r->element[1]->type != REDIS_REPLY_STRING)
+        return fail(h, KX_MOM_ECONFIG,
+                    std::string("cannot read the server's ") + name + " (" + reply_text(r) +
+                        "): allow CONFIG GET for this user");
+    value->assign(r->element[1]->str, r->element[1]->len);
+    return true;
+}
+
+size_t send_databases(int32_t, Handshake &h, redisContext *c)
+{
+    return queue(h, c, {"CONFIG", "GET", "databases"});
+}
+
+bool accept_databases(int32_t, Handshake &h, std::span<const Reply> r)
+{
+    std::string text;
+    if (!config_value(h, r[0].get(), "databases", &text))
+        return false;
+    int count = 0;
+    std::from_chars(text.data(), text.data() + text.size(), count);
+    return count >= kNeededDatabases || fail(h, KX_MOM_ECONFIG,
+                                             "the server has " + printable(text) + " databases, " +
+                                                 std::to_string(kNeededDatabases) +
+                                                 " are needed: set `databases 32` in redis.conf");
+}
+
+size_t send_notify_get(int32_t, Handshake &h, redisContext *c)
+{
+    return queue(h, c, {"CONFIG", "GET", "notify-keyspace-events"});
+}
+
+bool accept_notify_get(int32_t, Handshake &h, std::span<const Reply> r)
+{
+    return config_value(h, r[0].get(), "notify-keyspace-events", &h.notify);
+}
+
+// The keyspace notification flags the subscriptions rely on that the server lacks.
+std::string missing_notify(const std::string &flags)
+{
+    std::string have = flags;
+    if (have.find('A') != std::string::npos)
+        have += "g$lshzxetd";
+    std::string missing;
+    for (char f : kNeededNotify)
+        if (have.find(f) == std::string::npos)
+            missing += f;
+    return missing;
+}
+
+size_t send_notify_set(int32_t, Handshake &h, redisContext *c)
+{
+    std::string missing = missing_notify(h.notify);
+    return missing.empty()
+               ? 0
+               : queue(h, c, {"CONFIG", "SET", "notify-keyspace-events", h.notify + missing});
+}
+
+bool accept_notify_set(int32_t, Handshake &h, std::span<const Reply> r)
+{
+    return r[0]->type != REDIS_REPLY_ERROR ||
+           fail(h, KX_MOM_ECONFIG,
+                "keyspace notifications '" + printable(h.notify) + "' lack '" +
+                    missing_notify(h.notify) + "' and CONFIG SET was refused (" +
+                    reply_text(r[0].get()) + "): set `notify-keyspace-events KEA` in redis.conf");
+}
+
+// Redis 7 gives a new ACL user no channel at all: every subscription would be
+// refused. One dry run per table libkx knows, with the channel that follows the
+// table written as a plain name: any allowed passes, so a user granted only the
+// channels it needs passes too. A server that will not dry-run for this user
+// (an older one, or no ACL permission) is not checked here; its refusals are
+// logged when they come.
+size_t send_channel_probe(int32_t db, Handshake &h, redisContext *c)
+{
+    size_t n = 0;
+    for (const ProtobufCMessageDescriptor *const *t = kx_mom_tables(); *t && h.code == 0; ++t)
+        n += queue(
+            h, c,
+            {"ACL", "DRYRUN", user_name(h), "SUBSCRIBE", keyspace_prefix(db) + table_glob(*t)});
+    return n;
+}
+
+bool accept_channel_probe(int32_t db, Handshake &h, std::span<const Reply> r)
+{
+    for (const Reply &reply : r)
+        if (reply->type == REDIS_REPLY_ERROR || reply->type == REDIS_REPLY_STATUS)
+            return true;
+    std::string prefix = keyspace_prefix(db);
+    return fail(h, KX_MOM_ECONFIG,
+                "user '" + user_name(h) + "' may subscribe to no channel of db " +
+                    std::to_string(db) + ": grant them, e.g. ACL SETUSER " + user_name(h) +
+                    " allchannels, or '&" + prefix + "*' and each table followed whole as '&" +
+                    prefix + "TABLE|*'");
+}
+
+// SELECT must be checked: a refused SELECT leaves the connection on db 0.
+size_t send_select(int32_t db, Handshake &h, redisContext *c)
+{
+    return queue(h, c, {"SELECT", std::to_string(db)});
+}
+
+bool accept_select(int32_t db, Handshake &h, std::span<const Reply> r)
+{
+    return (r[0]->type == REDIS_REPLY_STATUS && std::string_view(r[0]->str, r[0]->len) == "OK") ||
+           fail(h, KX_MOM_ECONFIG,
+                "SELECT " + std::to_string(db) + " refused: " + reply_text(r[0].get()));
+}
+
+size_t send_run_id(int32_t, Handshake &h, redisContext *c)
+{
+    return queue(h, c, {"INFO", "server"});
+}
+
+bool accept_run_id(int32_t, Handshake &h, std::span<const Reply> r)
+{
+    std::string_view info =
+        r[0]->type == REDIS_REPLY_STRING ? std::string_view(r[0]->str, r[0]->len) : "";
+    size_t at = info.find("run_id:");
+    if (at == std::string_view::npos)
+        return fail(h, KX_MOM_EPROTO, "INFO server gave no run_id: " + reply_text(r[0].get()));
+    info.remove_prefix(at + 7);
+    h.run_id = std::string(info.substr(0, info.find_first_of("\r\n")));
+    return true;
+}
+
+constexpr Step kSteps[] = {
+    {"AUTH", false, send_auth, accept_auth},
+    {"ROLE", false, send_role, accept_role},
+    {"CONFIG GET databases", false, send_databases, accept_databases},
+    {"CONFIG GET notify-keyspace-events", false, send_notify_get, accept_notify_get},
+    {"CONFIG SET notify-keyspace-events", false, send_notify_set, accept_notify_set},
+    {"ACL DRYRUN", false, send_channel_probe, accept_channel_probe},
+    {"SELECT", false, send_select, accept_select},
+    {"INFO server", false, send_run_id, accept_run_id},
+    {"AUTH", true, send_auth, accept_auth},
+};
+
+} // namespace
+
+redisContext *in_use(const Handshake &h)
+{
+    return h.ask ? h.ask.get() : (kSteps[h.step].on_sub ? h.sub : h.cmd).get();
+}
+
+// The time the stage under way may take: a sentinel's answer, or the rest.
+std::chrono::milliseconds limit(const Handshake &h)
+{
+    return h.ask ? kSentinelLimit : kHandshakeLimit;
+}
+
+namespace {
+
+Wait io_failed(Handshake &h)
+{
+    std::string during = h.answered ? kSteps[h.step].name : "cannot connect";
+    fail(h, KX_MOM_ENOTCONN, during + ": " + io_failure(in_use(h)));
+    return Wait::none;
+}
+
+} // namespace
+
+Wait timed_out(int32_t db, Handshake &h)
+{
+    if (h.ask) {
+        sentinel_failed(h, "no answer within " + std::to_string(kSentinelLimit.count()) + " ms");
+        return advance(db, h);
+    }
+    fail(h, KX_MOM_ENOTCONN,
+         std::string("no answer to ") + kSteps[h.step].name + " within " +
+             std::to_string(kHandshakeLimit.count() / 1000) + " s");
+    return Wait::none;
+}
+
+// Moves the handshake on as far as it goes without waiting for a socket.
+Wait advance(int32_t db, Handshake &h)
+{
+    if (Wait w = ask_sentinel(h); w != Wait::none)
+        return w;
+    for (; h.step < std::size(kSteps) && h.code == 0; ++h.step, h.sent = false) {
+        const Step &s = kSteps[h.step];
+        redisContext *c = in_use(h);
+        if (!h.sent) {
+            h.replies.clear();
+            h.expected = s.send(db, h, c);
+            h.sent = true;
+            if (h.code != 0)
+                break;
+        }
+        int written = 0;
+        if (redisBufferWrite(c, &written) != REDIS_OK)
+            return io_failed(h);
+        if (!written)
+            return Wait::write;
+        while (h.replies.size() < h.expected) {
+            void *r = nullptr;
+            if (redisGetReplyFromReader(c, &r) != REDIS_OK)
+                return io_failed(h);
+            if (!r)
+                return Wait::read;
+            h.replies.emplace_back(static_cast<redisReply *>(r));
+            h.answered = true;
+        }
+        if (h.expected > 0 && !s.accept(db, h, h.replies))
+            break;
+    }
+    return Wait::none;
+}
+
+// The socket is ready for what the handshake waited for.
+Wait resume(int32_t db, Handshake &h, Wait waited)
+{
+    if (waited == Wait::read && redisBufferRead(in_use(h)) != REDIS_OK) {
+        if (!h.ask)
+            return io_failed(h);
+        sentinel_failed(h, io_failure(h.ask.get()));
+    }
+    return advance(db, h);
+}
+
+// kx_mom_client_connect_sync's handshake: poll() until it is done or the time is up.
+void handshake_now(int32_t db, Handshake &h)
+{
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point deadline;
+    for (Wait w = advance(db, h); w != Wait::none;) {
+        if (h.stage != h.timed_stage) {
+            h.timed_stage = h.stage;
+            deadline = Clock::now() + limit(h);
+        }
+        pollfd p{in_use(h)->fd, static_cast<short>(w == Wait::read ? POLLIN : POLLOUT), 0};
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        int n = left.count() > 0 ? poll(&p, 1, static_cast<int>(left.count())) : 0;
+        w = n == 0 || (n < 0 && errno != EINTR) ? timed_out(db, h) : resume(db, h, w);
+    }
+}
+
+bool open_handshake(int32_t db, Handshake &h)
+{
+    h.code = settings_for(
+        db, [](const std::string &name) -> const char * { return getenv(name.c_str()); },
+        &h.settings, &h.why);
+    if (h.code != 0)
+        return false;
+    if (h.settings.endpoint.sentinels.empty())
+        return open_server(h);
+    ask_next_sentinel(h);
+    return h.code == 0;
+}
+
+std::string reply_text(const redisReply *r)
+{
+    if (!r)
+        return "no reply";
+    if (r->type == REDIS_REPLY_STRING || r->type == REDIS_REPLY_STATUS ||
+        r->type == REDIS_REPLY_ERROR)
+        return printable(std::string_view(r->str, r->len));
+    return "unexpected reply type " + std::to_string(r->type);
+}
+
+// Why an I/O call on `c` failed; a blocking read or write that timed out says so.
+std::string io_failure(const redisContext *c)
+{
+    if (c->err == REDIS_ERR_IO && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return "no answer within " + std::to_string(kCommandTimeout.tv_sec) + " s";
+    return c->errstr[0] ? c->errstr : "I/O error";
+}
+
+std::string keyspace_prefix(int32_t db) { return "__keyspace@" + std::to_string(db) + "__:"; }
+
+int append_command(redisContext *c, const Command &cmd)
+{
+    std::vector<const char *> argv;
+    std::vector<size_t> lens;
+    for (auto arg : cmd) {
+        argv.push_back(arg.data());
+        lens.push_back(arg.size());
+    }
+    return redisAppendCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lens.data());
+}
+
+} // namespace kx
