@@ -263,9 +263,12 @@ void mark_down(Database &d, const char *why)
     for (Route *r : d.unconfirmed)
         r->pending = false;
     d.unconfirmed.clear();
-    for (const auto &r : d.routes)
+    d.restoring = 0;
+    for (const auto &r : d.routes) {
+        r->restorer = nullptr;
         if (r->followed == Followed::live)
             r->followed = Followed::lost;
+    }
     d.disconnect_pending = true;
     arm(d.timer, std::chrono::milliseconds(0));
 }

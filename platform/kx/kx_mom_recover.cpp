@@ -87,15 +87,17 @@ void compare(Database &d, ScanWork &w, const std::string &key, const redisReply 
     const uint64_t now = digest(r);
     auto it = s.route.delivered.find(key);
     if (!s.deliver) {
-        s.route.delivered[key] = {now, {}};
+        s.route.delivered[key] = {now, s.route.caught_up};
         return;
     }
     if (it != s.route.delivered.end() && it->second.digest == now &&
         inputs_hold(d, s.route, it->second))
         return;
     Payload p = payload_from_reply(d.db, key, w.table, r, KX_MOM_CMD_HSET);
-    if (p.cmd != 0)
-        deliver_to_route(d, s.route, p.cmd, p.data(), key, now);
+    if (p.cmd == 0)
+        return;
+    ++(s.route.restorer ? s.route.restorer : &d)->changes;
+    deliver_to_route(d, s.route, p.cmd, p.data(), key, now);
 }
 
 // Reads what `route` covers now; with `deliver`, hands it what differs from what it
@@ -126,9 +128,12 @@ int32_t reconcile(Database &d, Route &route, bool deliver)
     for (const std::string &key : gone) {
         std::string error;
         Message record(deliver ? parse_key(route.table, key, &error) : nullptr);
-        if (!record)
+        if (!record) {
             route.delivered.erase(key);
-        else if (!deliver_to_route(d, route, KX_MOM_CMD_DEL, record.get(), key, std::nullopt))
+            continue;
+        }
+        ++(route.restorer ? route.restorer : &d)->changes;
+        if (!deliver_to_route(d, route, KX_MOM_CMD_DEL, record.get(), key, std::nullopt))
             return KX_MOM_EIO;
     }
     return 0;
@@ -194,6 +199,12 @@ bool deliver_to_route(Database &d, Route &route, int32_t cmd, void *data, const 
     deliver(d.global, route.cb, route.privdata, d.db, route.table, cmd, data, key.c_str(), 0);
     mom.delivering = outer;
     const bool held = d.epoch == epoch;
+    // What it read of its own coverage is what its digests are about.
+    std::erase_if(delivery.inputs, [&](const Input &in) {
+        return in.db == route.db && in.selection == route.key;
+    });
+    if (cmd == KX_MOM_CMD_SUBSCRIBED && held && !delivery.owed)
+        route.caught_up = std::move(delivery.inputs);
     if (cmd == KX_MOM_CMD_SUBSCRIBED)
         route.announce = !held || delivery.owed;
     else if (!held || delivery.owed)
@@ -222,9 +233,21 @@ void settle(Database &d, Route &route)
     // Read after the caller's catch-up: what changes meanwhile comes as notifications.
     if (route.followed == Followed::not_yet) {
         reconcile(d, route, false);
-        if (d.epoch == epoch)
-            route.followed = Followed::live;
+        if (d.epoch != epoch)
+            return;
+        route.followed = Followed::live;
+        route.caught_up.clear();
     }
+    restored(route);
+}
+
+void restored(Route &route)
+{
+    Database *by = std::exchange(route.restorer, nullptr);
+    if (!by || by->restoring == 0 || --by->restoring > 0)
+        return;
+    KX_LOG(NOTICE, "db %d: %zu subscriptions followed again, %zu changes delivered", by->db,
+           by->routes.size(), by->changes);
 }
 
 int32_t note_unreachable(kx_global *global, int32_t db, int32_t rc)
@@ -303,18 +326,26 @@ bool make_kept_writes(Database &d)
 
 void restore_routes(Database &d)
 {
-    for (const auto &route : d.routes)
+    d.changes = 0;
+    d.restoring = d.routes.size();
+    for (const auto &route : d.routes) {
+        route->restorer = &d;
         send_subscribe(d, *route);
-    // Routes elsewhere whose deliveries read from `d` check what they read.
+    }
+    // Routes elsewhere whose deliveries read from `d`, or could not, check what they read.
     for (const auto &[db, other] : d.global->mom->dbs)
         for (const auto &route : other->routes)
             if (other.get() != &d && reads_from(*route, d.db) &&
                 std::ranges::find(d.owed, route.get()) == d.owed.end())
                 d.owed.push_back(route.get());
     for (Route *route : std::exchange(d.owed, {})) {
-        if (route->followed == Followed::live)
-            route->followed = Followed::lost;
-        send_subscribe(*database(d.global, route->db), *route);
+        Database &home = *database(d.global, route->db);
+        if (home.link != Link::up || route->restorer)
+            continue; // its own reconnect checks it, or it is being checked
+        route->followed = Followed::lost;
+        route->restorer = &d;
+        ++d.restoring;
+        send_subscribe(home, *route);
     }
 }
 

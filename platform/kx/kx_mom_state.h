@@ -84,8 +84,12 @@ struct Route {
     bool pending = false;  // its (P)SUBSCRIBE is queued or sent, not yet answered
     bool announce = false; // the caller subscribed: cmd 29 is due once it is confirmed
     Followed followed = Followed::not_yet;
-    // What it delivered, per record key (kx_mom_recover.cpp).
+    // The database whose coming back made it subscribe again, until it has settled.
+    Database *restorer = nullptr;
+    // What it delivered, per record key (kx_mom_recover.cpp), and what the callback read
+    // at its last cmd 29: what each record its first reconcile finds was delivered with.
     std::unordered_map<std::string, Noted> delivered = {};
+    std::vector<Input> caught_up = {};
 };
 
 // The route delivery under way: what its callback reads is noted with it, and a read
@@ -185,6 +189,8 @@ struct Database {
     std::list<std::pair<std::string, Intent>> kept;
     std::unordered_map<std::string, decltype(kept)::iterator> kept_at;
     std::vector<Route *> owed;
+    size_t restoring = 0; // routes it made subscribe again, not yet settled
+    size_t changes = 0;   // what they delivered meanwhile
 };
 
 // kx_mom_scan: the same work, one step per loop turn.
@@ -313,6 +319,9 @@ bool make_kept_writes(Database &d);
 // `d` is back, its reconnect callback has run: its own routes are subscribed again
 // (each settles when confirmed), and the routes that owed it a delivery are reconciled.
 void restore_routes(Database &d);
+// A route subscribed again is settled (or refused): the last one of a database's coming
+// back says what it cost.
+void restored(Route &route);
 
 } // namespace kx
 

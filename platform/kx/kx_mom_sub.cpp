@@ -142,6 +142,7 @@ void refused(Database &d, const redisReply *r)
     route->pending = false;
     KX_LOG(ERROR, "db %d: %s %s refused: %.*s", d.db, route->pattern ? "PSUBSCRIBE" : "SUBSCRIBE",
            route->channel.c_str(), static_cast<int>(r->len), r->str);
+    restored(*route);
 }
 
 // One reply of the subscriber connection: a confirmation, a refusal or a notification.
