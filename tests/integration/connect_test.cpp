@@ -71,20 +71,17 @@ TEST(Connect, SentinelsAreAskedInTurnAndNoReplicaIsTakenForThePrimary)
               "-1001 kx_mom: db 2: " + all + ": no sentinel named the primary of 'vek': unix:" +
                   none + ": No such file or directory; unix:" + sentinel +
                   ": no answer within 500 ms; 127.0.0.1:1: Connection refused\n");
-    EXPECT_EQ(connect(g, 2, {{"KX_MOM_ADDR_2", "sentinel:127.0.0.1:26379"}}),
-              "-1007 kx_mom: db 2: bad KX_MOM_ADDR_2 'sentinel:127.0.0.1:26379': expected "
-              "sentinel:HOST:PORT[,HOST:PORT...]/NAME (a sentinel may be unix:/path)\n");
     kx_global_finish(g);
 }
 
-// A database's own user and password (or password file) come before the common ones; a
-// refusal names the user and the endpoint, never a password.
+// A database's own user and password file are used before the common ones; a refusal
+// names the user and the endpoint, never a password.
 TEST(Connect, EachDatabaseHasItsOwnCredentialsAndThePasswordMayComeFromAFile)
 {
     RedisServer server;
     server.cli(0, {"ACL", "SETUSER", "card16", "on", ">p4ss-in-file", "~*", "&*", "+@all"});
     TempDir dir;
-    const std::string good = dir / "good", bad = dir / "bad", none = dir / "none";
+    const std::string good = dir / "good", bad = dir / "bad";
     write_file(good, "p4ss-in-file\r\nsecond line\n");
     write_file(bad, "n0t-it\n");
     // KX_MOM_ settings, and what the connect logs; "_N" stands for the case's database,
@@ -93,13 +90,7 @@ TEST(Connect, EachDatabaseHasItsOwnCredentialsAndThePasswordMayComeFromAFile)
         {"USER_N=card16 PASSWORD_FILE_N=" + bad + " PASSWORD=p4ss-in-file",
          "AUTH as 'card16' refused: WRONGPASS invalid username-password pair or user is "
          "disabled."},
-        {"USER_N=card16 PASSWORD_N=x PASSWORD_FILE_N=" + good,
-         "KX_MOM_PASSWORD_N and KX_MOM_PASSWORD_FILE_N are both set"},
-        {"USER_N=card16 PASSWORD_FILE_N=" + none,
-         "cannot read KX_MOM_PASSWORD_FILE_N '" + none + "': No such file or directory"},
-        {"USER_N=card16", "KX_MOM_USER_N is set without KX_MOM_PASSWORD_N"},
         {"USER=nobody PASSWORD=n0t-it USER_N=card16 PASSWORD_FILE_N=" + good, ""},
-        {"USER=card16 PASSWORD_FILE=" + good, ""},
     };
     kx_global_t *g = kx_global_init("connect_test", nullptr);
     int32_t db = 2;

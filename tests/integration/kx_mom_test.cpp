@@ -302,8 +302,8 @@ TEST_F(KxMom, ALostConnectionDeliversWhatChangedAndMakesTheFailedWrites)
                               "3:3 " + dep + "old ready=false", "3:3 " + dep + "same ready=false"}));
 }
 
-// Connecting db 2: the endpoint forms, a server with too few databases, ACL users on the
-// global one. Each refusal is one line saying why (and the fix), never the password. The
+// Connecting db 2: a server that is not there, one with too few databases, ACL users on
+// the global one. Each refusal is one line saying why (and the fix), never the password. The
 // last user, granted its channels as one pattern, connects; the server refuses its
 // whole-table follow (PSUBSCRIBE patterns are granted literally), and that is logged.
 TEST_F(KxMom, ConnectRefusalsSayWhyAndSubscribeRefusalsAreLogged)
@@ -321,7 +321,6 @@ TEST_F(KxMom, ConnectRefusalsSayWhyAndSubscribeRefusalsAreLogged)
         {small.addr(), nullptr, nullptr,
          small.addr() +
              ": the server has 16 databases, 29 are needed: set `databases 32` in redis.conf"},
-        {global.addr(), "card", nullptr, at + "KX_MOM_USER is set without KX_MOM_PASSWORD"},
         {global.addr(), "card", "wrong",
          at + "AUTH as 'card' refused: WRONGPASS invalid username-password pair or user is "
               "disabled."},
@@ -330,11 +329,6 @@ TEST_F(KxMom, ConnectRefusalsSayWhyAndSubscribeRefusalsAreLogged)
               "allchannels, or '&__keyspace@2__:*' and each table followed whole as "
               "'&__keyspace@2__:TABLE|*'"},
     };
-    for (std::string bad : {"udp:127.0.0.1:6379", "tcp:127.0.0.1", "tcp::6379", "tcp:[]:6379",
-                            "tcp:127.0.0.1:0", "tcp:127.0.0.1:65536", "tcp:127.0.0.1:63x", "unix:"})
-        cases.emplace_back(bad, nullptr, nullptr,
-                           "bad KX_MOM_ADDR_2 '" + bad +
-                               "': expected unix:/path/redis.sock or tcp:HOST:PORT");
     cases.emplace_back(global.addr(), "card", "s3cret", "");
     for (const auto &[addr, user, password, line] : cases) {
         setenv("KX_MOM_ADDR_2", addr.c_str(), 1);
