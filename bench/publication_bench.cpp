@@ -6,17 +6,20 @@
 // daemon rounds take turns, so that both see the same machine; each figure is its best
 // round.
 //
-//   publication_bench [--cpus S,C] [--rounds R] [--idle] [--acl] [--daemon PATH] [N ...]
-//                                                          (default: 1000 10000)
+//   publication_bench [--cpus S,C] [--rounds R] [--idle] [--lost] [--acl] [--daemon PATH]
+//                     [N ...]                              (default: 1000 10000)
 //
 // Also: a republication after a deletion notice; the daemon's peak RSS (VmHWM) before
 // and after the publications, with its anonymous and file-backed parts; with --idle,
-// its CPU time and context switches over 10 s idle while connected; with --acl, the
+// its CPU time and context switches over 10 s idle while connected; with --lost, the
+// writes the store gets when every connection of the daemon is killed once, nothing
+// having changed (the last card; a recovery costs what changed: none); with --acl, the
 // daemon reaches db 28 as its card's user from deploy/vek_cap-acl, so that the server
 // checks every command against the card's rights. Besides the table,
 // one line per card for scripts/bench:
 //   publication N raw_us publish_us republish_us idle_hwm_kb hwm_kb anon_kb file_kb
 //   idle SECONDS CONTEXT_SWITCHES CPU_TICKS TICKS_PER_SECOND
+//   lost N WRITES
 #include <unistd.h>
 
 #include <algorithm>
@@ -45,6 +48,7 @@ struct Settings {
     Cpus cpus;
     int rounds = 5;
     bool idle = false;
+    bool lost = false;
     bool acl = false;
     std::string daemon = VEK_CAP_BIN; // this build's, unless another is named
 };
@@ -192,8 +196,42 @@ void measure_idle(pid_t pid)
            sysconf(_SC_CLK_TCK));
 }
 
+// Every connection of the daemon killed once, nothing changed: the writes (HSET, DEL) the
+// store gets until the daemon has reconnected and nothing more comes for a second.
+void measure_lost(const std::string &socket, const std::string &log, int n)
+{
+    Redis admin(socket);
+    auto reconnects = [&] {
+        std::string text = testsupport::read_file(log);
+        long count = 0;
+        for (size_t at = 0; (at = text.find("reconnect set db 28 state", at)) != text.npos; ++at)
+            ++count;
+        return count;
+    };
+    auto writes = [&] {
+        std::string stats = admin.text({"INFO", "commandstats"});
+        long total = 0;
+        for (const char *command : {"hset", "del"}) {
+            const std::string tag = std::string("cmdstat_") + command + ":calls=";
+            if (size_t at = stats.find(tag); at != std::string::npos)
+                total += std::atol(stats.c_str() + at + tag.size());
+        }
+        return total;
+    };
+    const long before = reconnects();
+    admin.cmd({"CONFIG", "RESETSTAT"});
+    admin.cmd({"CLIENT", "KILL", "TYPE", "normal"});
+    admin.cmd({"CLIENT", "KILL", "TYPE", "pubsub"});
+    testsupport::wait_for([&] { return reconnects() > before; });
+    for (long last = -1; last != writes();) {
+        last = writes();
+        sleep(1);
+    }
+    printf("lost %d %ld\n", n, writes());
+}
+
 // One card of `n` entries on its own server and daemon.
-bool run_card(int n, const Settings &s, bool idle, Figures *out)
+bool run_card(int n, const Settings &s, bool last, Figures *out)
 {
     testsupport::RedisServer server;
     testsupport::TempDir root;
@@ -249,8 +287,10 @@ bool run_card(int n, const Settings &s, bool idle, Figures *out)
     out->hwm_kb = proc_status(daemon.pid(), "VmHWM");
     out->anon_kb = proc_status(daemon.pid(), "RssAnon");
     out->file_kb = proc_status(daemon.pid(), "RssFile");
-    if (idle)
+    if (last && s.idle)
         measure_idle(daemon.pid());
+    if (last && s.lost)
+        measure_lost(server.socket(), log, n);
     return true;
 }
 
@@ -265,6 +305,8 @@ int main(int argc, char **argv)
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--idle") == 0)
             s.idle = true;
+        else if (strcmp(argv[i], "--lost") == 0)
+            s.lost = true;
         else if (strcmp(argv[i], "--acl") == 0)
             s.acl = true;
         else if (strcmp(argv[i], "--rounds") == 0 && i + 1 < argc)
@@ -279,7 +321,7 @@ int main(int argc, char **argv)
     std::vector<Figures> all;
     for (size_t i = 0; i < sizes.size(); ++i) {
         Figures f{};
-        if (sizes[i] <= 0 || !run_card(sizes[i], s, s.idle && i + 1 == sizes.size(), &f))
+        if (sizes[i] <= 0 || !run_card(sizes[i], s, i + 1 == sizes.size(), &f))
             return 1;
         all.push_back(f);
     }

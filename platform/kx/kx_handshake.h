@@ -32,8 +32,9 @@ using Command = std::vector<std::string_view>;
 // How long a synchronous command may wait for its reply.
 constexpr timeval kCommandTimeout{2, 0};
 
-// Appends `cmd` to the output buffer of `c`; REDIS_OK or REDIS_ERR.
+// Appends `cmd` (or `cmds`, pipelined) to the output buffer of `c`; REDIS_OK or REDIS_ERR.
 int append_command(redisContext *c, const Command &cmd);
+int append_commands(redisContext *c, std::span<const Command> cmds);
 // A reply as one printable line, for messages.
 std::string reply_text(const redisReply *r);
 // Why an I/O call on `c` failed; a blocking read or write that timed out says so.

@@ -279,11 +279,9 @@ int32_t run_commands(Database &d, std::span<const Command> cmds, std::vector<Rep
     if (d.link != Link::up)
         return KX_MOM_ENOTCONN;
     redisContext *c = d.cmd.get();
-    for (const Command &cmd : cmds) {
-        if (append_command(c, cmd) != REDIS_OK) {
-            mark_down(d, "out of memory");
-            return KX_MOM_ENOMEM;
-        }
+    if (append_commands(c, cmds) != REDIS_OK) {
+        mark_down(d, "out of memory");
+        return KX_MOM_ENOMEM;
     }
     for (size_t i = 0; i < cmds.size(); ++i) {
         void *r = nullptr;
