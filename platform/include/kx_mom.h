@@ -11,9 +11,10 @@
 // its database down. Everything else (subscriptions, notifications, reconnects) runs
 // from the loop without waiting, whatever state the server is in.
 //
-// Diagnostics (a bad record, a lost connection and why, a refusal, a callback's
-// negative result) are one line on stderr each, and a record of the unit
-// "platform/kx" in the log sink that the process made with kx_zlog_init, if any.
+// Diagnostics, only for libkx's own events (a bad record, a lost or regained connection
+// and why, a refusal, a configuration it cannot use), are a record of the unit
+// "platform/kx" in the log sink that the process made with kx_zlog_init, written from its
+// configured level (NOTICE by default); a process without one gets a line on stderr.
 // A password never appears in them.
 #ifndef KX_MOM_H
 #define KX_MOM_H
@@ -125,7 +126,7 @@ int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage
 // value that does not decode comes with error_code set and no obj; a key that
 // does not parse is skipped with a line on stderr. Callbacks may make any
 // synchronous call, delete records of the scanned table, and scan again.
-// A callback's negative result is logged and changes nothing.
+// What a callback returns changes nothing (the caller logs its own failures).
 int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
                          uint32_t flags, kx_mom_cb cb, void *privdata);
 // The same from the loop after returning, then one delivery with scan_over 1. A

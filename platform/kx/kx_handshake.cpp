@@ -22,10 +22,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kHandshakeLimit{2000};
 constexpr std::chrono::milliseconds kSentinelLimit{500};
-constexpr int kNeededDatabases = 29;
-// Keyspace events on (K), for generic commands (g: del, rename, expire), hashes
-// (h), strings ($), expiry (x) and eviction (e).
-constexpr std::string_view kNeededNotify = "Kgh$xe";
 
 std::string user_name(const Handshake &h) { return h.settings.user.value_or("default"); }
 
@@ -172,61 +168,9 @@ bool accept_auth(int32_t, Handshake &h, std::span<const Reply> r)
                 "AUTH as '" + user_name(h) + "' refused: " + reply_text(r[0].get()));
 }
 
-// The server a sentinel named must be the primary: a replica would refuse every write.
-size_t send_role(int32_t, Handshake &h, redisContext *c)
-{
-    return h.settings.endpoint.sentinels.empty() ? 0 : queue(h, c, {"ROLE"});
-}
-
-bool accept_role(int32_t, Handshake &h, std::span<const Reply> r)
-{
-    const redisReply *reply = r[0].get();
-    if (reply->type == REDIS_REPLY_ERROR)
-        return fail(h, KX_MOM_ECONFIG,
-                    "ROLE refused: " + reply_text(reply) + ": allow ROLE for this user");
-    std::string role = reply->type == REDIS_REPLY_ARRAY && reply->elements > 0
-                           ? reply_text(reply->element[0])
-                           : reply_text(reply);
-    return role == "master" ||
-           fail(h, KX_MOM_ENOTCONN,
-                "the sentinels name it the primary of '" + printable(h.settings.endpoint.primary_of) +
-                    "' but its role is " + role + ": not connected until they name the primary");
-}
-
-// The value of a setting from its CONFIG GET reply; false with the failure set.
-bool config_value(Handshake &h, const redisReply *r, const char *name, std::string *value)
-{
-    if (r->type == REDIS_REPLY_ERROR && std::string_view(r->str, r->len).starts_with("NOAUTH"))
-        return fail(h, KX_MOM_ECONFIG,
-                    "the server needs a password: set KX_MOM_PASSWORD or KX_MOM_PASSWORD_FILE "
-                    "(and KX_MOM_USER for an ACL user), or their _<db> forms");
-    if (r->type != REDIS_REPLY_ARRAY || r->elements != 2 ||
-        r->element[1]->type != REDIS_REPLY_STRING)
-        return fail(h, KX_MOM_ECONFIG,
-                    std::string("cannot read the server's ") + name + " (" + reply_text(r) +
-                        "): allow CONFIG GET for this user");
-    value->assign(r->element[1]->str, r->element[1]->len);
-    return true;
-}
-
-size_t send_databases(int32_t, Handshake &h, redisContext *c)
-{
-    return queue(h, c, {"CONFIG", "GET", "databases"});
-}
-
-bool accept_databases(int32_t, Handshake &h, std::span<const Reply> r)
-{
-    std::string text;
-    if (!config_value(h, r[0].get(), "databases", &text))
-        return false;
-    int count = 0;
-    std::from_chars(text.data(), text.data() + text.size(), count);
-    return count >= kNeededDatabases || fail(h, KX_MOM_ECONFIG,
-                                             "the server has " + printable(text) + " databases, " +
-                                                 std::to_string(kNeededDatabases) +
-                                                 " are needed: set `databases 32` in redis.conf");
-}
-
+// A server whose ACL keeps CONFIG from this user (a card's user is granted no admin
+// command: CONFIG GET would hand it the server's passwords) is not asked: the flags it
+// lacks are not known, and the connect says which it must have.
 size_t send_notify_get(int32_t, Handshake &h, redisContext *c)
 {
     return queue(h, c, {"CONFIG", "GET", "notify-keyspace-events"});
@@ -234,7 +178,24 @@ size_t send_notify_get(int32_t, Handshake &h, redisContext *c)
 
 bool accept_notify_get(int32_t, Handshake &h, std::span<const Reply> r)
 {
-    return config_value(h, r[0].get(), "notify-keyspace-events", &h.notify);
+    const redisReply *reply = r[0].get();
+    const std::string_view text = reply->type == REDIS_REPLY_ERROR
+                                      ? std::string_view(reply->str, reply->len)
+                                      : std::string_view();
+    if (text.starts_with("NOAUTH"))
+        return fail(h, KX_MOM_ECONFIG,
+                    "the server needs a password: set KX_MOM_PASSWORD or KX_MOM_PASSWORD_FILE "
+                    "(and KX_MOM_USER for an ACL user), or their _<db> forms");
+    if (text.starts_with("NOPERM")) {
+        h.notify_unknown = true;
+        return true;
+    }
+    if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 2 ||
+        reply->element[1]->type != REDIS_REPLY_STRING)
+        return fail(h, KX_MOM_ECONFIG,
+                    "cannot read the server's notify-keyspace-events: " + reply_text(reply));
+    h.notify.assign(reply->element[1]->str, reply->element[1]->len);
+    return true;
 }
 
 // The keyspace notification flags the subscriptions rely on that the server lacks.
@@ -253,7 +214,7 @@ std::string missing_notify(const std::string &flags)
 size_t send_notify_set(int32_t, Handshake &h, redisContext *c)
 {
     std::string missing = missing_notify(h.notify);
-    return missing.empty()
+    return h.notify_unknown || missing.empty()
                ? 0
                : queue(h, c, {"CONFIG", "SET", "notify-keyspace-events", h.notify + missing});
 }
@@ -267,36 +228,8 @@ bool accept_notify_set(int32_t, Handshake &h, std::span<const Reply> r)
                     reply_text(r[0].get()) + "): set `notify-keyspace-events KEA` in redis.conf");
 }
 
-// Redis 7 gives a new ACL user no channel at all: every subscription would be
-// refused. One dry run per table libkx knows, with the channel that follows the
-// table written as a plain name: any allowed passes, so a user granted only the
-// channels it needs passes too. A server that will not dry-run for this user
-// (an older one, or no ACL permission) is not checked here; its refusals are
-// logged when they come.
-size_t send_channel_probe(int32_t db, Handshake &h, redisContext *c)
-{
-    size_t n = 0;
-    for (const ProtobufCMessageDescriptor *const *t = kx_mom_tables(); *t && h.code == 0; ++t)
-        n += queue(
-            h, c,
-            {"ACL", "DRYRUN", user_name(h), "SUBSCRIBE", keyspace_prefix(db) + table_glob(*t)});
-    return n;
-}
-
-bool accept_channel_probe(int32_t db, Handshake &h, std::span<const Reply> r)
-{
-    for (const Reply &reply : r)
-        if (reply->type == REDIS_REPLY_ERROR || reply->type == REDIS_REPLY_STATUS)
-            return true;
-    std::string prefix = keyspace_prefix(db);
-    return fail(h, KX_MOM_ECONFIG,
-                "user '" + user_name(h) + "' may subscribe to no channel of db " +
-                    std::to_string(db) + ": grant them, e.g. ACL SETUSER " + user_name(h) +
-                    " allchannels, or '&" + prefix + "*' and each table followed whole as '&" +
-                    prefix + "TABLE|*'");
-}
-
-// SELECT must be checked: a refused SELECT leaves the connection on db 0.
+// SELECT proves the server has the database, with no admin command; it must be checked:
+// a refused SELECT leaves the connection on db 0.
 size_t send_select(int32_t db, Handshake &h, redisContext *c)
 {
     return queue(h, c, {"SELECT", std::to_string(db)});
@@ -304,37 +237,56 @@ size_t send_select(int32_t db, Handshake &h, redisContext *c)
 
 bool accept_select(int32_t db, Handshake &h, std::span<const Reply> r)
 {
-    return (r[0]->type == REDIS_REPLY_STATUS && std::string_view(r[0]->str, r[0]->len) == "OK") ||
-           fail(h, KX_MOM_ECONFIG,
-                "SELECT " + std::to_string(db) + " refused: " + reply_text(r[0].get()));
+    const redisReply *reply = r[0].get();
+    if (reply->type == REDIS_REPLY_STATUS && std::string_view(reply->str, reply->len) == "OK")
+        return true;
+    const bool small = reply->type == REDIS_REPLY_ERROR &&
+                       std::string_view(reply->str, reply->len).find("out of range") !=
+                           std::string_view::npos;
+    return fail(h, KX_MOM_ECONFIG,
+                "SELECT " + std::to_string(db) + " refused: " + reply_text(reply) +
+                    (small ? ": set `databases 32` in redis.conf" : ""));
 }
 
-size_t send_run_id(int32_t, Handshake &h, redisContext *c)
+// The server's run (run_id, to tell a restarted server at a reconnect) and, behind
+// sentinels, its role: a replica the sentinels still name would refuse every write.
+size_t send_info(int32_t, Handshake &h, redisContext *c)
 {
-    return queue(h, c, {"INFO", "server"});
+    return queue(h, c, {"INFO", "server", "replication"});
 }
 
-bool accept_run_id(int32_t, Handshake &h, std::span<const Reply> r)
+// The value of `field` in INFO text, or empty.
+std::string_view info_field(std::string_view info, std::string_view field)
 {
-    std::string_view info =
+    for (size_t at = 0; (at = info.find(field, at)) != std::string_view::npos; ++at)
+        if ((at == 0 || info[at - 1] == '\n') && info.substr(at + field.size()).starts_with(":")) {
+            std::string_view value = info.substr(at + field.size() + 1);
+            return value.substr(0, value.find_first_of("\r\n"));
+        }
+    return {};
+}
+
+bool accept_info(int32_t, Handshake &h, std::span<const Reply> r)
+{
+    const std::string_view info =
         r[0]->type == REDIS_REPLY_STRING ? std::string_view(r[0]->str, r[0]->len) : "";
-    size_t at = info.find("run_id:");
-    if (at == std::string_view::npos)
-        return fail(h, KX_MOM_EPROTO, "INFO server gave no run_id: " + reply_text(r[0].get()));
-    info.remove_prefix(at + 7);
-    h.run_id = std::string(info.substr(0, info.find_first_of("\r\n")));
-    return true;
+    h.run_id = std::string(info_field(info, "run_id"));
+    if (h.run_id.empty())
+        return fail(h, KX_MOM_EPROTO, "INFO gave no run_id: " + reply_text(r[0].get()));
+    const std::string_view role = info_field(info, "role");
+    return h.settings.endpoint.sentinels.empty() || role == "master" ||
+           fail(h, KX_MOM_ENOTCONN,
+                "the sentinels name it the primary of '" +
+                    printable(h.settings.endpoint.primary_of) + "' but its role is " +
+                    std::string(role) + ": not connected until they name the primary");
 }
 
 constexpr Step kSteps[] = {
     {"AUTH", false, send_auth, accept_auth},
-    {"ROLE", false, send_role, accept_role},
-    {"CONFIG GET databases", false, send_databases, accept_databases},
     {"CONFIG GET notify-keyspace-events", false, send_notify_get, accept_notify_get},
     {"CONFIG SET notify-keyspace-events", false, send_notify_set, accept_notify_set},
-    {"ACL DRYRUN", false, send_channel_probe, accept_channel_probe},
     {"SELECT", false, send_select, accept_select},
-    {"INFO server", false, send_run_id, accept_run_id},
+    {"INFO", false, send_info, accept_info},
     {"AUTH", true, send_auth, accept_auth},
 };
 

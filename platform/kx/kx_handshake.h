@@ -41,6 +41,10 @@ std::string reply_text(const redisReply *r);
 std::string io_failure(const redisContext *c);
 // "__keyspace@<db>__:", what every channel of `db` starts with.
 std::string keyspace_prefix(int32_t db);
+// The keyspace notification flags libkx needs of a server: keyspace events (K) for
+// generic commands (g: del, rename, expire), hashes (h), strings ($), expiry (x) and
+// eviction (e).
+inline constexpr std::string_view kNeededNotify = "Kgh$xe";
 
 // Opening a database's two connections and checking its server, step by step. Both
 // connections stay non-blocking until it is done.
@@ -59,6 +63,7 @@ struct Handshake {
     std::vector<Reply> replies;
     bool answered = false; // the server has replied to something
     std::string notify;    // notify-keyspace-events as the server has it
+    bool notify_unknown = false; // the user may not read it (CONFIG GET refused)
     std::string run_id;
     int32_t code = 0; // why it failed: the code and a line
     std::string why;

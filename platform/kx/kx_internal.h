@@ -23,13 +23,13 @@ struct ssat_state; // the debug-shell listener (ssat.cpp)
 void mom_release(kx_global_t *global);
 void ssat_release(kx_global_t *global);
 
-// The first log sink the process made with kx_zlog_init that does not write to
-// standard error (libkx writes its own line there), or nullptr: where libkx's own
-// diagnostics go too.
+// The first log sink the process made with kx_zlog_init, or nullptr: where libkx's
+// own diagnostics go.
 kx_zlog_category_t *log_sink();
 
-// One diagnostic of libkx: a line on stderr ("kx_mom: " first), and a record of the unit
-// platform/kx in log_sink() when there is one (kx_zlog.cpp).
+// One diagnostic of libkx: a record of the unit platform/kx in log_sink(), from the level
+// its configuration gives (NOTICE by default); without a log, a line on stderr ("kx_mom: "
+// first) (kx_zlog.cpp).
 void log_at(int level, const char *func, int line, const char *fmt, ...)
     __attribute__((format(printf, 4, 5)));
 #define KX_LOG(level, ...) ::kx::log_at(KX_ZLOG_LEVEL_##level, __func__, __LINE__, __VA_ARGS__)

@@ -200,11 +200,9 @@ void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
              const ProtobufCMessageDescriptor *table, int32_t cmd, void *data, const char *key,
              int32_t scan_over)
 {
+    // What the callback returns is its own business: it logs its failures itself.
     kx_mom_msg msg{db, table, cmd, data, key, scan_over};
-    int32_t rc = cb(global, &msg, privdata);
-    if (rc < 0)
-        KX_LOG(WARN, "db %d: key '%s': callback returned %d for cmd %d", db, printable(key).c_str(),
-               rc, cmd);
+    cb(global, &msg, privdata);
 }
 
 bool selects_glob(const ProtobufCMessage *key, std::string *match)

@@ -331,6 +331,11 @@ int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db)
         kx::install(*d, h);
     if (h.code != 0)
         KX_LOG(ERROR, "db %d: %s", db, h.why.c_str());
+    else if (h.notify_unknown)
+        KX_LOG(NOTICE,
+               "db %d: %s: this user may not read the server's keyspace notification flags "
+               "(CONFIG GET): the server must have notify-keyspace-events with %s (e.g. KEA)",
+               db, kx::shown(d->endpoint).c_str(), std::string(kx::kNeededNotify).c_str());
     return h.code;
 }
 

@@ -232,7 +232,7 @@ void send_subscribe(Database &d, Route &route);
 void on_subscriber_readable(evutil_socket_t fd, short what, void *arg);
 void on_subscriber_writable(evutil_socket_t fd, short what, void *arg);
 
-// Hands one delivery to a callback, logging a negative result.
+// Hands one delivery to a callback.
 void deliver(kx_global *global, kx_mom_cb cb, void *privdata, int32_t db,
              const ProtobufCMessageDescriptor *table, int32_t cmd, void *data, const char *key,
              int32_t scan_over);

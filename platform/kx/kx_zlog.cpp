@@ -74,10 +74,13 @@ const Level *level_by_number(int number)
 // keeps them reachable for leak checkers. Like all of libkx, used from one thread.
 std::vector<std::unique_ptr<kx_zlog_category>> registry;
 kx_zlog_category *libkx_sink = nullptr; // see kx::log_sink
+// libkx's own lines are written from this level on: the configuration's, else NOTICE
+// (a lost or regained connection, a refusal, a record that does not decode).
+int libkx_level = KX_ZLOG_LEVEL_NOTICE;
 
 struct Config {
     std::optional<std::string> output;
-    int level = KX_ZLOG_LEVEL_DEBUG;
+    std::optional<int> level; // else every record the process makes is written
 };
 
 std::string_view trim(std::string_view s)
@@ -271,11 +274,13 @@ kx_zlog_category_t *kx_zlog_init(const char *module)
     }
 
     auto cat = std::make_unique<kx_zlog_category>();
-    cat->level = cfg->level;
+    cat->level = cfg->level.value_or(KX_ZLOG_LEVEL_DEBUG);
     if (!open_output(*cat, output, module))
         return nullptr;
-    if (!libkx_sink && cat->output != kx_zlog_category::Output::stderr_stream)
+    if (!libkx_sink) {
         libkx_sink = cat.get();
+        libkx_level = cfg->level.value_or(KX_ZLOG_LEVEL_NOTICE);
+    }
     registry.push_back(std::move(cat));
     return registry.back().get();
 }
@@ -298,17 +303,21 @@ kx_zlog_category_t *kx::log_sink() { return libkx_sink; }
 void kx::log_at(int level, const char *func, int line, const char *fmt, ...)
 {
     static constexpr std::string_view unit = "platform/kx";
+    if (libkx_sink && level < libkx_level)
+        return;
     char text[1024];
     va_list ap;
     va_start(ap, fmt);
     vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
-    // One write per line, so that lines of concurrent writers do not mix.
+    if (libkx_sink) {
+        kxdf_zlog(libkx_sink, unit.data(), unit.size(), func, strlen(func), line, level, "%s", text);
+        return;
+    }
+    // A process without a log (a tool) says it on standard error, in one write.
     std::string plain = std::string("kx_mom: ") + text + "\n";
     fputs(plain.c_str(), stderr);
     fflush(stderr);
-    if (libkx_sink)
-        kxdf_zlog(libkx_sink, unit.data(), unit.size(), func, strlen(func), line, level, "%s", text);
 }
 
 void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, const char *func,

@@ -13,6 +13,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -78,6 +79,35 @@ TEST_F(Daemon, ConnectsRefusesASecondInstanceAndEndsOnSigterm)
         << second.out;
     daemon_->signal(SIGTERM);
     EXPECT_EQ(daemon_->wait(), 0);
+}
+
+// A card booting before any of its inputs exists is normal: at debug level 0 nothing is
+// written, at 1 only the daemon's error-class lines (libkx has nothing to say about it).
+TEST_F(Daemon, ANormalBootBeforeItsInputsWritesOnlyWhatItsLevelAsks)
+{
+    const std::string level_file = root_ / "data/.tavo/vsd/0/sw-frame/cap/vek_cap/vek_cap_dbg.txt";
+    const std::regex error("\\S+ \\S+ ERROR \\[[0-9]+:app/vek_cap/vek_cap:.*");
+    for (const char *level : {"1", "0"}) {
+        SCOPED_TRACE(level);
+        write_file(level_file, std::string(level) + "\n");
+        write_file(log_, "");
+        daemon_ = std::make_unique<Process>(Lines{VEK_CAP_BIN}, env(redis_.addr()), root_.path(),
+                                            "vek_cap");
+        // The last catch-up, of the chassis record, follows the last subscription.
+        ASSERT_TRUE(wait_for([&] {
+            return redis_.cli(0, {"PUBSUB", "NUMSUB", "__keyspace@1__:p_dev.dp_lib_my_chss_info"})
+                       .ends_with("\n1");
+        }));
+        ASSERT_TRUE(level[0] == '0' || wait_for([&] {
+            return log().find("CHSS INFO subscribe ok") != std::string::npos;
+        }));
+        std::this_thread::sleep_for(300ms);
+        std::istringstream lines(log());
+        for (std::string line; std::getline(lines, line);)
+            EXPECT_TRUE(level[0] == '1' && std::regex_match(line, error)) << line;
+        daemon_->signal(SIGTERM);
+        ASSERT_EQ(daemon_->wait(), 0);
+    }
 }
 
 TEST_F(Daemon, ARestartedServerEndsItWith77)

@@ -1,9 +1,13 @@
-// A published card whose stores go out of reach and come back, on two servers as on a
-// chassis: the card's own (db 1 and db 3) and the chassis-global one (db 28). What changed
-// meanwhile is published or withdrawn once; what did not costs the chassis store no
-// write; what the daemon could not write or read meanwhile is done once it is back.
+// A card on two servers as on a chassis: the card's own (db 1 and db 3) and the
+// chassis-global one (db 28).
+// - Its stores go out of reach and come back: what changed meanwhile is published or
+//   withdrawn once; what did not costs the chassis store no write; what the daemon could
+//   not write or read meanwhile is done once it is back.
+// - It reaches the chassis store as the user deploy/vek_cap-acl writes for it: it
+//   publishes and rewrites itself on a notice, and may do nothing else.
 #include <algorithm>
 #include <functional>
+#include <sstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,6 +33,8 @@ struct Card {
     TempDir root;
     RedisServer local, global;
     std::unique_ptr<Process> daemon;
+    Env env = {{"KX_ROOT", root.path()}, {"KX_MOM_ADDR", local.addr()},
+               {"KX_MOM_ADDR_28", global.addr()}, {"KX_LOG", root / "vek_cap.log"}};
 
     std::string log() const { return read_file(root / "vek_cap.log"); }
     long logged(const std::string &text) const
@@ -71,11 +77,7 @@ struct Card {
                       "0", std::to_string(kEntries)});
         subcard(20, true);
         local.cli(3, {"SET", "p_libpub.cap_state", "\x28\x01"});
-        daemon = std::make_unique<Process>(
-            Lines{VEK_CAP_BIN},
-            Env{{"KX_ROOT", root.path()}, {"KX_MOM_ADDR", local.addr()},
-                {"KX_MOM_ADDR_28", global.addr()}, {"KX_LOG", root / "vek_cap.log"}},
-            root.path(), "vek_cap");
+        daemon = std::make_unique<Process>(Lines{VEK_CAP_BIN}, env, root.path(), "vek_cap");
     }
 };
 
@@ -89,6 +91,14 @@ Lines published()
                       " int32_value=" + std::to_string(i));
     std::ranges::sort(out);
     return out;
+}
+
+bool booted(const Card &card)
+{
+    return wait_for([&] {
+        return card.global.dump(28) == published() &&
+               card.logged("cap_del_fe_ready scan over.") == 1;
+    });
 }
 
 // `from` with each line starting with `key` replaced by `lines`.
@@ -152,10 +162,7 @@ TEST(Recovery, WhatChangedWhileAStoreWasAwayIsDoneOnceAndNothingElse)
         SCOPED_TRACE(c.what);
         Card card;
         card.boot();
-        ASSERT_TRUE(wait_for([&] {
-            return card.global.dump(28) == published() &&
-                   card.logged("cap_del_fe_ready scan over.") == 1;
-        })) << card.log();
+        ASSERT_TRUE(booted(card)) << card.log();
         const std::vector<RedisServer *> away = {c.card_away ? &card.local : nullptr,
                                                  c.chassis_away ? &card.global : nullptr};
         const long dbs = 2 * c.card_away + c.chassis_away, lost = card.logged(" lost: ");
@@ -175,6 +182,58 @@ TEST(Recovery, WhatChangedWhileAStoreWasAwayIsDoneOnceAndNothingElse)
         EXPECT_EQ(card.calls("hset"), c.hset);
         EXPECT_EQ(card.calls("del"), c.del);
     }
+}
+
+// The card's user as deploy/vek_cap-acl writes it, for a chassis of card 16 (type 5, with
+// subcard 20) and card 32: its daemon publishes and honours its notice; the user may not
+// read the server's settings, list, empty, publish, nor touch any record of card 32.
+TEST(Confinement, ACardsUserPublishesItAndMayDoNothingElse)
+{
+    Card card;
+    write_file(card.root / "chassis.txt", "card 16 5 20\ncard 32 6\n");
+    const RunResult acl = run({VEK_CAP_ACL, card.root / "chassis.txt", card.root / "secrets"});
+    ASSERT_EQ(acl.status, 0) << acl.err;
+    std::istringstream users(acl.out);
+    for (std::string line; std::getline(users, line);) {
+        std::istringstream words(line);
+        Lines args = {"ACL", "SETUSER"};
+        std::string word;
+        words >> word; // "user"
+        while (words >> word)
+            args.push_back(word);
+        if (args[2] != "default") // this test's own clients are the default user
+            card.global.cli(0, args);
+    }
+    card.env["KX_MOM_USER_28"] = "card16";
+    card.env["KX_MOM_PASSWORD_FILE_28"] = card.root / "secrets/card16";
+    card.boot();
+    ASSERT_TRUE(booted(card)) << card.log();
+    EXPECT_EQ(card.logged("this user may not read the server's keyspace notification flags"), 1);
+    card.global.cli(28, {"HSET", "s_frame.cap_del_fe_ready|16|5", "ready", "1"});
+    EXPECT_TRUE(wait_for([&] { return card.logged("rewrite my cap, node 16") == 1; }));
+    EXPECT_TRUE(wait_for([&] { return card.global.dump(28) == published(); })) << card.log();
+
+    const std::string password = read_file(card.root / "secrets/card16");
+    const Lines refused[] = {
+        {"CONFIG", "GET", "requirepass"},
+        {"ACL", "LIST"},
+        {"KEYS", "*"},
+        {"FLUSHDB"},
+        {"PUBLISH", "__keyspace@28__:s_frame.cap_fe_ready|32|6", "hset"},
+        {"HSET", "s_frame.cap_glb_table|32|/e/1", "int32_value", "1"},
+        {"HSET", "s_frame.cap_fe_ready|32|6", "ready", "true"},
+        {"HSET", "s_frame.cap_fe_ready|16|6", "ready", "true"},
+        {"HSET", "s_frame.cap_subcard_ready|21", "ready", "true"},
+        {"DEL", "s_frame.cap_del_fe_ready|32|6"},
+        {"DEL", "s_frame.cap_subcard_glb_table|160|/s/0"},
+    };
+    for (const Lines &command : refused) {
+        Lines argv = {"redis-cli", "-s", card.global.socket(), "--user", "card16", "--pass",
+                      password.substr(0, password.find('\n')), "--no-auth-warning", "-n", "28"};
+        argv.insert(argv.end(), command.begin(), command.end());
+        EXPECT_TRUE(run(argv).out.starts_with("NOPERM")) << command[0] << " " << command.back();
+    }
+    EXPECT_EQ(card.global.dump(28), published());
 }
 
 } // namespace
