@@ -12,6 +12,12 @@
 //     level = INFO                      (a zlog level: name or number)
 // KX_LOG overrides the output. Paths in the file and in KX_LOG are used as written;
 // the default output, <KX_ROOT>/var/log/<module>.log, follows KX_ROOT.
+//
+// Under systemd, standard error is usually a stream to the journal, which then names
+// it in JOURNAL_STREAM ("<device>:<inode>"). Records to standard error begin with their
+// syslog priority there ("<4>WARN [...") and leave the time to the journal, so that
+// `journalctl -p warning` selects by the record's level. Unlike output = syslog, a
+// stream is attributed to its unit even for the last lines of a process that exits.
 #include "kx_zlog.h"
 
 #include <cerrno>
@@ -38,6 +44,7 @@
 struct kx_zlog_category {
     enum class Output { file, stderr_stream, syslog };
     Output output = Output::file;
+    bool journal = false; // standard error is the journal's stream: priority prefixes
     int fd = -1;
     std::string path; // of a file output, to open it again on SIGHUP
     int level = KX_ZLOG_LEVEL_DEBUG;
@@ -163,11 +170,22 @@ int open_file(const std::string &path)
     return open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
 }
 
+// Whether standard error is the stream that JOURNAL_STREAM names (see the top).
+bool stderr_is_journal()
+{
+    const char *named = getenv("JOURNAL_STREAM");
+    struct stat st {};
+    if (!named || fstat(STDERR_FILENO, &st) != 0)
+        return false;
+    return named == std::to_string(st.st_dev) + ':' + std::to_string(st.st_ino);
+}
+
 bool open_output(kx_zlog_category &cat, const std::string &output, const char *module)
 {
     using Output = kx_zlog_category::Output;
     if (output == "stderr") {
         cat.output = Output::stderr_stream;
+        cat.journal = stderr_is_journal();
         cat.fd = STDERR_FILENO;
         return true;
     }
@@ -332,13 +350,16 @@ void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, c
     if (!message.empty() && message.back() == '\n')
         message.pop_back();
 
+    const Level *named = level_by_number(level);
+    const int priority = named ? named->syslog_priority : LOG_INFO;
     std::string record;
     record.reserve(96 + filelen + funclen + message.size());
-    if (category->output != kx_zlog_category::Output::syslog) {
+    if (category->journal) {
+        record += '<' + std::to_string(priority) + '>';
+    } else if (category->output != kx_zlog_category::Output::syslog) {
         append_time(record);
         record += ' ';
     }
-    const Level *named = level_by_number(level);
     record += named ? std::string(named->name) : std::to_string(level);
     record += " [" + std::to_string(getpid()) + ':';
     append_escaped(record, bounded(file, filelen));
@@ -348,7 +369,7 @@ void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, c
     append_escaped(record, message);
 
     if (category->output == kx_zlog_category::Output::syslog) {
-        syslog(named ? named->syslog_priority : LOG_INFO, "%s", record.c_str());
+        syslog(priority, "%s", record.c_str());
         return;
     }
     record += '\n';

@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "kx_global.h"
@@ -21,6 +22,19 @@ namespace {
 void log(kx_zlog_category_t *cat, int level, const char *text)
 {
     kxdf_zlog(cat, "app/vek_cap/vek_cap.cpp", 19, "vek_cap_indep_init", 18, 212, level, "%s", text);
+}
+
+// The log's text with each record's time stamp ("2026-11-22 23:01:02.123456 ") as "T ".
+std::string unstamped(const std::string &text)
+{
+    static const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )");
+    return std::regex_replace(text, stamp, "T ");
+}
+
+// What follows the level in each record that log() writes.
+std::string source()
+{
+    return " [" + std::to_string(getpid()) + ":app/vek_cap/vek_cap:vek_cap_indep_init:212] ";
 }
 
 // The output is KX_LOG, then the configuration's, then the default; a configuration that
@@ -55,13 +69,37 @@ TEST(Zlog, OutputAndLevelAsConfiguredAndRecordsOneEscapedLineEach)
     log(cat, KX_ZLOG_LEVEL_NOTICE, "init ham fail");
     log(cat, KX_ZLOG_LEVEL_WARN, "one line feed\n");
     log(cat, KX_ZLOG_LEVEL_FATAL, "a\r\n\tb\x01\n\n");
-    // Each record's time stamp ("2026-11-22 23:01:02.123456 ") read as "T ".
-    const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} )");
-    const std::string source =
-        " [" + std::to_string(getpid()) + ":app/vek_cap/vek_cap:vek_cap_indep_init:212] ";
-    EXPECT_EQ(std::regex_replace(read_file(root / "levels.log"), stamp, "T "),
-              "T NOTICE" + source + "init ham fail\nT WARN" + source + "one line feed\nT FATAL" +
-                  source + "a\\r\\n\\tb\\x01\\n\n");
+    EXPECT_EQ(unstamped(read_file(root / "levels.log")),
+              "T NOTICE" + source() + "init ham fail\nT WARN" + source() +
+                  "one line feed\nT FATAL" + source() + "a\\r\\n\\tb\\x01\\n\n");
+}
+
+// Under systemd standard error is a stream to the journal, named by JOURNAL_STREAM: each
+// record then starts with its syslog priority, and the journal keeps the time. Any other
+// standard error (a pipe, a terminal, another file) gets the plain record.
+TEST(Zlog, StandardErrorThatIsTheJournalGetsEachRecordsPriority)
+{
+    TempDir root;
+    setenv("KX_ROOT", root.path().c_str(), 1);
+    setenv("KX_LOG", "stderr", 1);
+    const std::string path = root / "stderr";
+    const int saved = dup(STDERR_FILENO);
+    ASSERT_TRUE(freopen(path.c_str(), "a", stderr)) << path;
+    struct stat st {};
+    ASSERT_EQ(fstat(STDERR_FILENO, &st), 0);
+    const std::string stream = std::to_string(st.st_dev) + ':' + std::to_string(st.st_ino);
+    for (const std::string &named : {stream + "0", stream}) {
+        setenv("JOURNAL_STREAM", named.c_str(), 1);
+        kx_zlog_category_t *cat = kx_zlog_init("m");
+        log(cat, KX_ZLOG_LEVEL_WARN, "w");
+        log(cat, KX_ZLOG_LEVEL_DEBUG, "d");
+    }
+    unsetenv("JOURNAL_STREAM");
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    const std::string plain = "T WARN" + source() + "w\nT DEBUG" + source() + "d\n";
+    const std::string journal = "<4>WARN" + source() + "w\n<7>DEBUG" + source() + "d\n";
+    EXPECT_EQ(unstamped(read_file(path)), plain + journal);
 }
 
 // logrotate moves the log away, then sends SIGHUP: the process lives on and its records
