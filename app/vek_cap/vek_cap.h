@@ -116,6 +116,16 @@ void vek_cap_log_emit(std::string_view unit, std::string_view func, long line, i
 #define VEK_CAP_TS(t) static_cast<unsigned long>((t).sec), static_cast<unsigned long>((t).usec)
 
 #define VEK_CAP_ERR(...) VEK_CAP_LOG(1u, KX_ZLOG_LEVEL_ERROR, __VA_ARGS__)
+// A missing pointer is refused as every operation refuses one: an error naming the
+// pointer as written, then -4. `log` is the error-class macro of the caller.
+#define VEK_CAP_REFUSE_NULL_WITH(log, ptr)                                                         \
+    do {                                                                                           \
+        if (!(ptr)) {                                                                              \
+            log(#ptr " NULL pointer, addr error!\n");                                               \
+            return -4;                                                                             \
+        }                                                                                          \
+    } while (0)
+#define VEK_CAP_REFUSE_NULL(ptr) VEK_CAP_REFUSE_NULL_WITH(VEK_CAP_ERR, ptr)
 #define VEK_CAP_WARN(...) VEK_CAP_LOG(2u, KX_ZLOG_LEVEL_WARN, __VA_ARGS__)
 #define VEK_CAP_INFO(...) VEK_CAP_LOG(4u, KX_ZLOG_LEVEL_INFO, __VA_ARGS__)
 #define VEK_CAP_DBG(...) VEK_CAP_LOG(5u, KX_ZLOG_LEVEL_DEBUG, __VA_ARGS__)

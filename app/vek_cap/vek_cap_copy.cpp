@@ -27,69 +27,48 @@ template <class Dst, class DstIndex> struct vek_cap_glb_entry {
 };
 
 // One delivered entry of `Src` copied as a `Dst`. A subcard's entry (its index has a
-// `nodeid`) is written under the node `subcard_node` points to and only when it belongs to
+// `nodeid`) is written under the node `privdata` points to and only when it belongs to
 // that subcard; the card's entry is written under the card's node as it is now, and must
 // carry its str_value.
 template <class Src, class Dst, class DstIndex>
-int32_t vek_cap_copy_entry(std::string_view func, kx_mom_msg *pmsg, const int32_t *subcard_node,
+int32_t vek_cap_copy_entry(std::string_view func, kx_mom_msg *msg, const int32_t *privdata,
                            vek_cap_glb_entry<Dst, DstIndex> dst)
 {
     constexpr bool subcard = std::is_same_v<Src, PLibpub__CapSubcardTable>;
-    if (!pmsg) {
-        VEK_CAP_COPY_ERR("msg NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL_WITH(VEK_CAP_COPY_ERR, msg);
     if constexpr (subcard) {
         // The subcard's scan always names its node; without one there is nothing to
         // compare against, so the delivery is refused like any callback's missing pointer.
-        if (!subcard_node) {
-            VEK_CAP_COPY_ERR("privdata NULL pointer, addr error!\n");
-            return -4;
-        }
-        VEK_CAP_COPY_WARN("tmp_nodeid = %d", *subcard_node);
+        VEK_CAP_REFUSE_NULL_WITH(VEK_CAP_COPY_ERR, privdata);
+        VEK_CAP_COPY_WARN("tmp_nodeid = %d", *privdata);
     }
-    if (pmsg->cmd != KX_MOM_CMD_HSET && pmsg->cmd != KX_MOM_CMD_HDEL) {
-        VEK_CAP_COPY_INFO("msg->cmd %d", pmsg->cmd);
+    if (msg->cmd != KX_MOM_CMD_HSET && msg->cmd != KX_MOM_CMD_HDEL) {
+        VEK_CAP_COPY_INFO("msg->cmd %d", msg->cmd);
         return 0;
     }
-    auto *res = static_cast<kx_mom_hash_res *>(pmsg->data);
+    auto *res = static_cast<kx_mom_hash_res *>(msg->data);
     if (int32_t rv = vek_cap_res_check(func, res); rv != 0)
         return rv;
     const auto *tmp = static_cast<const Src *>(res->obj);
-    if (!tmp) {
-        VEK_CAP_COPY_ERR("tmp NULL pointer, addr error!\n");
-        return -4;
-    }
-    if (!tmp->index) {
-        VEK_CAP_COPY_ERR("tmp->index NULL pointer, addr error!\n");
-        return -4;
-    }
-    if (!tmp->index->url) {
-        VEK_CAP_COPY_ERR("tmp->index->url NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL_WITH(VEK_CAP_COPY_ERR, tmp);
+    VEK_CAP_REFUSE_NULL_WITH(VEK_CAP_COPY_ERR, tmp->index);
+    VEK_CAP_REFUSE_NULL_WITH(VEK_CAP_COPY_ERR, tmp->index->url);
     if (size_t len = strlen(tmp->index->url); len > VEK_CAP_URL_MAX) {
         VEK_CAP_COPY_ERR("tmp->index->url len too long %zu!\n", len);
         return -4;
     }
     if constexpr (!subcard) {
-        if (!tmp->str_value) {
-            VEK_CAP_COPY_ERR("tmp->str_value NULL pointer, addr error!\n");
-            return -4;
-        }
+        VEK_CAP_REFUSE_NULL_WITH(VEK_CAP_COPY_ERR, tmp->str_value);
     }
-    if (!res->field_tag) {
-        VEK_CAP_COPY_ERR("res->field_tag NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL_WITH(VEK_CAP_COPY_ERR, res->field_tag);
     if constexpr (subcard) {
-        if (tmp->index->nodeid != *subcard_node) {
-            VEK_CAP_COPY_INFO("nodeid %d != tmp_nodeid%d", tmp->index->nodeid, *subcard_node);
+        if (tmp->index->nodeid != *privdata) {
+            VEK_CAP_COPY_INFO("nodeid %d != tmp_nodeid%d", tmp->index->nodeid, *privdata);
             return 0;
         }
     }
 
-    dst.index.node = subcard ? *subcard_node : g_vek_cap_card.node;
+    dst.index.node = subcard ? *privdata : g_vek_cap_card.node;
     dst.index.url = tmp->index->url;
     dst.record.index = &dst.index;
     dst.record.bool_value = tmp->bool_value;
@@ -135,19 +114,16 @@ int vek_cap_tag_cmp(const void *a, const void *b)
     return x > y ? 1 : x < y ? -1 : 0;
 }
 
-int32_t fe_glb_key_trace_url(kx_global_t *global, kx_mom_msg *pmsg, void *privdata)
+int32_t fe_glb_key_trace_url(kx_global_t *, kx_mom_msg *pmsg, void *)
 {
-    (void)global;
-    (void)privdata;
     return vek_cap_copy_entry<PLibpub__CapTable>(
         __func__, pmsg, nullptr,
         vek_cap_glb_entry<SFrame__CapGlbTable, SFrame__CapGlbTableIndex>{
             S_FRAME__CAP_GLB_TABLE_INDEX__INIT, S_FRAME__CAP_GLB_TABLE__INIT});
 }
 
-int32_t subcard_glb_key_trace_url(kx_global_t *global, kx_mom_msg *pmsg, void *privdata)
+int32_t subcard_glb_key_trace_url(kx_global_t *, kx_mom_msg *pmsg, void *privdata)
 {
-    (void)global;
     return vek_cap_copy_entry<PLibpub__CapSubcardTable>(
         __func__, pmsg, static_cast<const int32_t *>(privdata),
         vek_cap_glb_entry<SFrame__CapSubcardGlbTable, SFrame__CapSubcardGlbTableIndex>{

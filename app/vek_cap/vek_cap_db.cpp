@@ -39,17 +39,15 @@ int32_t vek_cap_is_all_db_connected(void)
     return 1;
 }
 
-int32_t vek_cap_disconnect_db(kx_global_t *global, int32_t db)
+int32_t vek_cap_disconnect_db(kx_global_t *, int32_t db)
 {
-    (void)global;
     VEK_CAP_WARN("enter db %d", db);
     vek_cap_set_db_state(db, 0);
     return 0;
 }
 
-int32_t vek_cap_reconnect_db(kx_global_t *global, int32_t db, int32_t type)
+int32_t vek_cap_reconnect_db(kx_global_t *, int32_t db, int32_t type)
 {
-    (void)global;
     VEK_CAP_WARN("db %d type %d", db, type);
     if (type != KX_MOM_RECONNECT_SAME) {
         VEK_CAP_ERR("db %d type %d", db, type);

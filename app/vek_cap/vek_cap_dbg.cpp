@@ -89,22 +89,19 @@ int32_t vek_cap_ssat_init(kx_global_t *global, const char *module)
     return 0;
 }
 
-int32_t vek_cap_set_dep_mod(const char *module, int32_t ready)
+int32_t vek_cap_set_dep_mod(const char *mod, int32_t ready)
 {
     static constexpr int32_t fields[] = {6};
     SFrame__CapDepIndex index = S_FRAME__CAP_DEP_INDEX__INIT;
     SFrame__CapDep record = S_FRAME__CAP_DEP__INIT;
-    if (!module) {
-        VEK_CAP_ERR("mod NULL pointer, addr error!\n");
-        return -4;
-    }
-    index.module = const_cast<char *>(module);
+    VEK_CAP_REFUSE_NULL(mod);
+    index.module = const_cast<char *>(mod);
     record.index = &index;
     record.ready = ready != 0;
     // The daemon's own subscription to the module's record brings the change back like any
     // other writer's; a module not in the registry has no subscription and changes nothing.
     int32_t rv = kx_mom_hmset_sync(g_vek_cap_global, VEK_CAP_DB_HOST, &record.base, fields, 1);
-    printf("set dep mod %s ready %s %s", module, record.ready ? "true" : "false",
+    printf("set dep mod %s ready %s %s", mod, record.ready ? "true" : "false",
            rv == 0 ? "ok" : "failed");
     return 0;
 }

@@ -23,13 +23,9 @@ struct dep_query {
 
 } // namespace
 
-int vek_cap_dep_validate(vek_cap_dep_item *item, void *priv)
+int vek_cap_dep_validate(vek_cap_dep_item *item, void *)
 {
-    (void)priv;
-    if (!item) {
-        VEK_CAP_ERR("item NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(item);
     dep_query query(item);
     int32_t rv = kx_mom_subscribe(g_vek_cap_global, VEK_CAP_DB_HOST, query.key(), 0,
                                   vek_cap_dep_pmsg_f, item);
@@ -42,14 +38,8 @@ int vek_cap_dep_validate(vek_cap_dep_item *item, void *priv)
 
 int32_t vek_cap_dep_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata)
 {
-    if (!pmsg) {
-        VEK_CAP_ERR("pmsg NULL pointer, addr error!\n");
-        return -4;
-    }
-    if (!global) {
-        VEK_CAP_ERR("global NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(pmsg);
+    VEK_CAP_REFUSE_NULL(global);
 
     int32_t rv = 0;
     switch (pmsg->cmd) {
@@ -61,10 +51,7 @@ int32_t vek_cap_dep_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata
         rv = vek_cap_dep_pro(static_cast<kx_mom_hash_res *>(pmsg->data));
         break;
     case KX_MOM_CMD_SUBSCRIBED: {
-        if (!privdata) {
-            VEK_CAP_ERR("privdata NULL pointer, addr error!\n");
-            return -4;
-        }
+        VEK_CAP_REFUSE_NULL(privdata);
         auto *item = static_cast<vek_cap_dep_item *>(privdata);
         kx_monotime(&g_vek_cap_sub_last_dep_mod);
         VEK_CAP_ERR("DEP subscribe ok, module %s %lu:%lu", item->module,
@@ -95,14 +82,8 @@ int32_t vek_cap_dep_pro(kx_mom_hash_res *result)
         VEK_CAP_WARN("dep NULL, just return");
         return 0;
     }
-    if (!dep->index) {
-        VEK_CAP_ERR("dep->index NULL pointer, addr error!\n");
-        return -4;
-    }
-    if (!dep->index->module) {
-        VEK_CAP_ERR("dep->index->module NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(dep->index);
+    VEK_CAP_REFUSE_NULL(dep->index->module);
     VEK_CAP_WARN("dep %s, ready %d", dep->index->module, dep->ready);
 
     // Readiness latches: once every module has been seen ready, records are ignored.

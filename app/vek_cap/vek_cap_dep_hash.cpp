@@ -186,14 +186,8 @@ int vek_cap_init_dep_hash(void)
 
 int vek_cap_con_dep_info(vek_cap_dep_item *item, const char *mod, uint8_t ready)
 {
-    if (!item) {
-        VEK_CAP_ERR("item NULL pointer, addr error!\n");
-        return -4;
-    }
-    if (!mod) {
-        VEK_CAP_ERR("mod NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(item);
+    VEK_CAP_REFUSE_NULL(mod);
     std::memset(item, 0, sizeof *item);
     std::memcpy(item->module, mod, strnlen(mod, sizeof item->module - 1));
     item->ready = ready;
@@ -235,10 +229,7 @@ vek_cap_dep_item *vek_cap_put_dep_hash(vek_cap_dep_item **out, const vek_cap_dep
 
 int vek_cap_insert_dep_hash(const vek_cap_dep_item *item, int dir)
 {
-    if (!item) {
-        VEK_CAP_ERR("item NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(item);
     VEK_CAP_INFO("module %s, ready %d dir %d", item->module, item->ready, dir);
     if (vek_cap_dep_item *stored = vek_cap_find_dep_hash(item)) {
         VEK_CAP_INFO("module %s, found", item->module);
@@ -258,10 +249,7 @@ int vek_cap_insert_dep_hash(const vek_cap_dep_item *item, int dir)
 
 int vek_cap_walk_dep_hash(vek_cap_dep_walk_cb cb, void *priv)
 {
-    if (!cb) {
-        VEK_CAP_ERR("cb NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(cb);
     // The callback may insert and so rehash: the record is read afresh at every step.
     for (uint32_t i = 0;; ++i) {
         const vek_cap_dep_hash_t *h = g_vek_cap_dep_hash;
@@ -276,14 +264,8 @@ int vek_cap_walk_dep_hash(vek_cap_dep_walk_cb cb, void *priv)
 
 int vek_cap_chk_ready(vek_cap_dep_item *item, void *para)
 {
-    if (!item) {
-        VEK_CAP_ERR("item NULL pointer, addr error!\n");
-        return -4;
-    }
-    if (!para) {
-        VEK_CAP_ERR("para NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(item);
+    VEK_CAP_REFUSE_NULL(para);
     if (item->ready) {
         VEK_CAP_INFO("module %s ready", item->module);
         return 0;

@@ -53,9 +53,8 @@ int32_t vek_cap_show_time(void)
     return 0;
 }
 
-int vek_cap_dep_mod_print(vek_cap_dep_item *item, void *unused)
+int vek_cap_dep_mod_print(vek_cap_dep_item *item, void *)
 {
-    (void)unused;
     printf("module:%s, ready %d\r\n", item->module, item->ready);
     return 0;
 }

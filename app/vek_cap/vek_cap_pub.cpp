@@ -106,14 +106,9 @@ int32_t vek_cap_local_ready_pro(const PLibpub__CapState *state)
     return 0;
 }
 
-int32_t vek_cap_local_ready_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata)
+int32_t vek_cap_local_ready_pmsg_f(kx_global_t *, kx_mom_msg *pmsg, void *)
 {
-    (void)global;
-    (void)privdata;
-    if (!pmsg) {
-        VEK_CAP_ERR("pmsg NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(pmsg);
     switch (pmsg->cmd) {
     case KX_MOM_CMD_SET:
         kx_monotime(&g_vek_cap_time.local_ready_recv);
@@ -156,14 +151,9 @@ int32_t vek_cap_del_noti_node_state(int32_t node, int32_t config_dev_type)
     return rv;
 }
 
-int32_t vek_cap_del_fe_ready_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata)
+int32_t vek_cap_del_fe_ready_pmsg_f(kx_global_t *, kx_mom_msg *pmsg, void *)
 {
-    (void)global;
-    (void)privdata;
-    if (!pmsg) {
-        VEK_CAP_ERR("pmsg NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(pmsg);
     if (pmsg->scan_over == 1) {
         VEK_CAP_INFO("cap_del_fe_ready scan over.");
         return 0;
@@ -190,14 +180,8 @@ int32_t vek_cap_del_fe_ready_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void 
     if (int32_t rv = vek_cap_res_check(__func__, res); rv != 0)
         return rv;
     const auto *fe_rdy_inf = static_cast<const SFrame__CapDelFeReady *>(res->obj);
-    if (!fe_rdy_inf) {
-        VEK_CAP_ERR("fe_rdy_inf NULL pointer, addr error!\n");
-        return -4;
-    }
-    if (!fe_rdy_inf->index) {
-        VEK_CAP_ERR("fe_rdy_inf->index NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(fe_rdy_inf);
+    VEK_CAP_REFUSE_NULL(fe_rdy_inf->index);
     const int32_t node = fe_rdy_inf->index->node;
     const int32_t config_dev_type = fe_rdy_inf->index->config_dev_type;
     VEK_CAP_WARN("node %d, config_dev_type %d, local_ready %d", node, config_dev_type,

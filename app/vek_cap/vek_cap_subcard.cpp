@@ -110,33 +110,17 @@ int32_t vek_cap_subcard_del_pro(const PLibpub__CapSubcardState *state)
     return 0;
 }
 
-int32_t vek_cap_del_subcard_table_cb(kx_global_t *global, kx_mom_msg *pmsg, void *privdata)
+int32_t vek_cap_del_subcard_table_cb(kx_global_t *, kx_mom_msg *pmsg, void *privdata)
 {
-    (void)global;
-    if (!pmsg) {
-        VEK_CAP_ERR("pmsg NULL pointer, addr error!\n");
-        return -4;
-    }
-    if (!privdata) {
-        VEK_CAP_ERR("privdata NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(pmsg);
+    VEK_CAP_REFUSE_NULL(privdata);
     if (pmsg->cmd != KX_MOM_CMD_HSET && pmsg->cmd != KX_MOM_CMD_HDEL)
         return 0;
     const auto *res = static_cast<const kx_mom_hash_res *>(pmsg->data);
-    if (!res) {
-        VEK_CAP_ERR("res NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(res);
     const auto *table_info = static_cast<const SFrame__CapSubcardGlbTable *>(res->obj);
-    if (!table_info) {
-        VEK_CAP_ERR("table_info NULL pointer, addr error!\n");
-        return -4;
-    }
-    if (!table_info->index) {
-        VEK_CAP_ERR("table_info->index NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(table_info);
+    VEK_CAP_REFUSE_NULL(table_info->index);
     if (table_info->index->node != *static_cast<const int32_t *>(privdata))
         return 0;
     SFrame__CapSubcardGlbTableIndex index = S_FRAME__CAP_SUBCARD_GLB_TABLE_INDEX__INIT;
@@ -153,14 +137,9 @@ int32_t vek_cap_del_subcard_table_cb(kx_global_t *global, kx_mom_msg *pmsg, void
     return 0;
 }
 
-int32_t vek_cap_sub_card_ready_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, void *privdata)
+int32_t vek_cap_sub_card_ready_pmsg_f(kx_global_t *, kx_mom_msg *pmsg, void *)
 {
-    (void)global;
-    (void)privdata;
-    if (!pmsg) {
-        VEK_CAP_ERR("pmsg NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(pmsg);
     const PLibpub__CapSubcardState *state = nullptr;
     switch (pmsg->cmd) {
     case KX_MOM_CMD_SUBSCRIBED: {
@@ -201,10 +180,7 @@ int32_t vek_cap_sub_card_ready_pmsg_f(kx_global_t *global, kx_mom_msg *pmsg, voi
         VEK_CAP_WARN("state NULL, just return");
         return 0;
     }
-    if (!state->index) {
-        VEK_CAP_ERR("state->index NULL pointer, addr error!\n");
-        return -4;
-    }
+    VEK_CAP_REFUSE_NULL(state->index);
     if (pmsg->cmd == KX_MOM_CMD_DEL)
         vek_cap_subcard_del_pro(state);
     else
