@@ -151,17 +151,16 @@ std::vector<std::string> redis_server(const std::string &dir, const std::string 
 int free_port()
 {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return 0;
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof a;
-    int port = 0;
-    if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    if (fd >= 0)
-        close(fd);
-    return port;
+    bool bound = bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+                 getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) == 0;
+    close(fd);
+    return bound ? ntohs(a.sin_port) : 0;
 }
 
 bool wait_for(const std::function<bool()> &done, std::chrono::milliseconds timeout,
