@@ -13,7 +13,7 @@ bool amid_publication(FaultRun &f, int card, const std::string &what,
 {
     const int entries = static_cast<int>(f.cards[size_t(card)].entries.size());
     if (entries < 100)
-        return f.fault(what + " needs 100 entries a card or more (--entries)");
+        return f.fault("a fault amid a publication needs 100 entries a card or more (--entries)");
     auto hsets = [&f] {
         std::string why;
         auto work = server_work(f.chassis.global_store(), global_db, &why);
@@ -65,8 +65,15 @@ bool kill_while_booting(FaultRun &f)
 
 bool restart(FaultRun &f)
 {
+    if (f.chassis.restart_global())
+        return true;
+    return f.fault("the global redis-server did not come back");
+}
+
+bool restart_once_converged(FaultRun &f)
+{
     printf("restarting the global Redis: every vek_cap is to exit 77 and start again\n");
-    return f.chassis.restart_global() || f.fault("the global redis-server did not come back");
+    return restart(f);
 }
 
 bool fail_over(FaultRun &f)
@@ -89,9 +96,7 @@ bool failed_over(FaultRun &f)
 
 bool restart_amid_publication(FaultRun &f)
 {
-    return amid_publication(f, 0, "the global Redis restarts", [&f] {
-        return f.chassis.restart_global() || f.fault("the global redis-server did not come back");
-    });
+    return amid_publication(f, 0, "the global Redis restarts", [&f] { return restart(f); });
 }
 
 bool kill_amid_publication(FaultRun &f)
@@ -111,7 +116,7 @@ const Fault restart_global = {.name = "restart-global",
                               .what =
                                   "once converged, the global Redis restarts (--restart-global)",
                               .needs = Store::one_server,
-                              .after_converge = restart,
+                              .after_converge = restart_once_converged,
                               .settled = all_exited_77};
 const Fault kill_primary = {.name = "kill-primary",
                             .what =

@@ -96,8 +96,9 @@ bool FaultRun::change_entry(int card, int j, int value)
 bool logged(FaultRun &f, int card, const std::string &text, std::chrono::milliseconds limit)
 {
     auto seen = [&] { return host::read_file(f.log(card)).find(text) != std::string::npos; };
-    return wait_until(seen, limit) ||
-           f.fault("card " + std::to_string(card + 1) + "'s log never showed: " + text);
+    if (wait_until(seen, limit))
+        return true;
+    return f.fault("card " + std::to_string(card + 1) + "'s log never showed: " + text);
 }
 
 } // namespace chassis

@@ -173,8 +173,10 @@ int main(int argc, char **argv)
     setvbuf(stdout, nullptr, _IOLBF, 0); // each line out at once, for whoever reads it as it comes
     Options o;
     for (int i = 1; i < argc; ++i)
-        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0)
-            return fputs(usage_text, stdout), 0;
+        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
+            fputs(usage_text, stdout);
+            return 0;
+        }
     if (auto why = parse_options(argc, argv, o)) {
         fprintf(stderr, "vek_chassis: %s\n%s", why->c_str(), usage_text);
         return exit_usage;
