@@ -86,7 +86,7 @@ int run(const Options &o, const std::vector<const Fault *> &faults, std::vector<
     Chassis chassis(o, cards, dir.path());
     View view(cards, expected, o.seed);
     FaultRun fr{chassis, o, cards, inputs, expected, std::move(rng)};
-    auto fail = [&](const std::string &why) {
+    auto give_up = [&](const std::string &why) { // stops everything: the exit status
         chassis.stop_all();
         print_faults(chassis);
         if (!why.empty())
@@ -94,12 +94,12 @@ int run(const Options &o, const std::vector<const Fault *> &faults, std::vector<
         return g_signal ? 128 + g_signal : exit_failed;
     };
     if (!chassis.start_servers())
-        return fail(g_signal ? "interrupted" : "");
+        return give_up(g_signal ? "interrupted" : "");
     for (const Fault *f : faults)
         printf("fault %s: %s\n", f->name, f->what);
     for (const Fault *f : faults)
         if (f->before && !f->before(fr))
-            return fail("");
+            return give_up("");
     printf("%zu cards started their Redis; %zu inputs follow in random order\n", cards.size(),
            inputs.size());
 
@@ -108,7 +108,7 @@ int run(const Options &o, const std::vector<const Fault *> &faults, std::vector<
     auto work_before = server_work(chassis.global_store(), global_db, &why);
     auto t0 = Clock::now();
     if (!chassis.play(inputs, &why))
-        return fail(g_signal ? "interrupted" : why);
+        return give_up(g_signal ? "interrupted" : why);
     long long played_ms = ms_since(t0);
     bool fault_ok = true; // the faults played as meant, so far
     for (const Fault *f : faults)
@@ -140,7 +140,7 @@ int run(const Options &o, const std::vector<const Fault *> &faults, std::vector<
             fault_ok = f->settled(fr);
     }
     if (out == Outcome::interrupted || g_signal)
-        return fail("interrupted");
+        return give_up("interrupted");
     bool exact = out == Outcome::converged && fault_ok;
     if (out != Outcome::converged && fault_ok) {
         printf("db 28 does not hold what the inputs give:\n");
