@@ -5,7 +5,6 @@
 #include <algorithm>
 
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 namespace chassis {
 namespace {
@@ -106,11 +105,6 @@ void print_difference(const Records &expected, const Records &have)
         printf("  %s\n", lines[i].c_str());
     if (lines.size() > most)
         printf("  ... and %zu more\n", lines.size() - most);
-}
-
-View::View(const std::vector<Card> &cards, const Records &expected, uint64_t seed)
-    : cards_(cards), expected_(expected), seed_(seed), tty_(isatty(STDOUT_FILENO))
-{
 }
 
 void View::begin()

@@ -91,7 +91,7 @@ std::vector<BadRecord> bad_records(const std::vector<Card> &cards)
             bad.push_back({host_db,
                            {{"HSET", key, "ready", "maybe"}},
                            "'" + key + "' field 'ready': not a bool ('maybe')",
-                           {good(k, Step::module)},
+                           {good(k, Step::dep)},
                            k});
             break;
         }

@@ -3,7 +3,6 @@
 #include "vek_chassis.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace chassis {
 namespace {

@@ -42,20 +42,6 @@ Fields global_fields(const Entry &e)
     return f;
 }
 
-// Moves the gate of the group `in_group` picks to the group's last place.
-template <class InGroup, class IsGate>
-void gate_last(std::vector<Input> &in, InGroup in_group, IsGate is_gate)
-{
-    size_t gate = in.size(), last = 0;
-    for (size_t p = 0; p < in.size(); ++p)
-        if (in_group(in[p])) {
-            last = p;
-            gate = is_gate(in[p]) ? p : gate;
-        }
-    if (gate < in.size())
-        std::swap(in[gate], in[last]);
-}
-
 std::vector<std::string> hset(std::string key, const Fields &fields)
 {
     std::vector<std::string> args = {"HSET", std::move(key)};
@@ -127,7 +113,7 @@ std::vector<Input> boot_order(const std::vector<Card> &cards, Rng &rng)
         for (int j = 0; j < static_cast<int>(c.entries.size()); ++j)
             in.push_back({i, Step::entry, j});
         for (int m = 0; m < static_cast<int>(c.modules.size()); ++m)
-            in.push_back({i, Step::module, m});
+            in.push_back({i, Step::dep, m});
         for (int s = 0; s < static_cast<int>(c.subcards.size()); ++s) {
             in.push_back({i, Step::subcard_state, s});
             for (int j = 0; j < static_cast<int>(c.subcards[static_cast<size_t>(s)].entries.size());
@@ -136,16 +122,25 @@ std::vector<Input> boot_order(const std::vector<Card> &cards, Rng &rng)
         }
     }
     rng.shuffle(in);
+    // The gate of a group takes the group's last place.
+    auto gate_last = [&in](auto in_group, auto is_gate) {
+        size_t gate = in.size(), last = 0;
+        for (size_t p = 0; p < in.size(); ++p)
+            if (in_group(in[p])) {
+                last = p;
+                gate = is_gate(in[p]) ? p : gate;
+            }
+        if (gate < in.size())
+            std::swap(in[gate], in[last]);
+    };
     for (int i = 0; i < static_cast<int>(cards.size()); ++i) {
         gate_last(
-            in,
             [i](const Input &x) {
                 return x.card == i && (x.step == Step::entry || x.step == Step::ready);
             },
             [](const Input &x) { return x.step == Step::ready; });
         for (int s = 0; s < static_cast<int>(cards[static_cast<size_t>(i)].subcards.size()); ++s)
             gate_last(
-                in,
                 [i, s](const Input &x) {
                     return x.card == i && x.a == s &&
                            (x.step == Step::subcard_entry || x.step == Step::subcard_state);
@@ -177,7 +172,7 @@ std::pair<int, std::vector<std::string>> input_command(const Card &c, const Inpu
     }
     case Step::ready: // the packed record: field 5 (ready), varint 1
         return {host_db, {"SET", "p_libpub.cap_state", "\x28\x01"}};
-    case Step::module:
+    case Step::dep:
         return {host_db, hset("s_frame.cap_dep|" + key_part(c.modules[static_cast<size_t>(in.a)]),
                               {{"ready", "true"}})};
     case Step::subcard_entry: {

@@ -1,12 +1,11 @@
-// vek_chassis: a whole chassis on one host, and the engine of the fault suite. Its parts:
-// the options; the inputs the cards' services write, drawn from a seed; the link to the
-// Redis servers; the chassis's processes and its global store's modes; the view of
-// database 28 converging; talk with the daemons' debug shells; and the fault table, whose
-// entries are everything done to a chassis besides booting it.
+// vek_chassis's parts and how they meet (what it does: main.cpp): the options; the inputs
+// drawn from a seed; the link to the Redis servers; the chassis's processes and its global
+// store's modes; database 28 converging; talk with the debug shells; and the fault table.
 #ifndef VEK_CHASSIS_H
 #define VEK_CHASSIS_H
 
 #include <hiredis/hiredis.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -120,18 +119,9 @@ struct Card {
     std::vector<Subcard> subcards;
 };
 
-// One step of a card's boot. `a` is the entry, module or subcard, `b` a subcard's entry.
-enum class Step {
-    start,
-    identity,
-    devid,
-    entry,
-    ready,
-    module,
-    subcard_entry,
-    subcard_state,
-    kill
-};
+// One step of a card's boot. `a` is the entry, dependency module or subcard, `b` a subcard's
+// entry.
+enum class Step { start, identity, devid, entry, ready, dep, subcard_entry, subcard_state, kill };
 
 struct Input {
     int card; // index into the cards
@@ -311,7 +301,10 @@ private:
 // otherwise.
 class View {
 public:
-    View(const std::vector<Card> &cards, const Records &expected, uint64_t seed);
+    View(const std::vector<Card> &cards, const Records &expected, uint64_t seed)
+        : cards_(cards), expected_(expected), seed_(seed), tty_(isatty(STDOUT_FILENO))
+    {
+    }
     void begin();
     void show(const Records &have, long long ms, bool last = false);
     // How often it wants db 28 read afresh while it is not converged.
