@@ -1,6 +1,6 @@
 // Faults of processes that end: a daemon killed, the global store restarted or failed
 // over. A store that comes back as a new run has every daemon exit 77 and start again.
-#include "vek_chassis.h"
+#include "faults.h"
 
 namespace chassis {
 namespace {

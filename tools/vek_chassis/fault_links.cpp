@@ -1,7 +1,7 @@
 // Faults of the daemons' connections: killed again and again, or held by a store that
 // stops answering. The daemons must come back with what they had, and keep their loops
 // free meanwhile.
-#include "vek_chassis.h"
+#include "faults.h"
 
 #include <filesystem>
 #include <iterator>

@@ -1,6 +1,6 @@
 // Malformed records in every table the daemons read, each of which a daemon must skip
 // with a line in its log, and go on.
-#include "vek_chassis.h"
+#include "faults.h"
 
 namespace chassis {
 namespace {

@@ -1,6 +1,6 @@
 // Faults of writes the global store refuses: for lack of memory, to a user that may only
 // read, and to a card's user that touches another card's records.
-#include "vek_chassis.h"
+#include "faults.h"
 
 #include <fstream>
 

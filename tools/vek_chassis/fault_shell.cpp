@@ -1,6 +1,6 @@
 // The debug shell abused: long and binary lines, a crowd of clients, clients that vanish,
 // and another user. Each abuse is refused or served, and every daemon answers after.
-#include "vek_chassis.h"
+#include "faults.h"
 
 #include <sys/stat.h>
 

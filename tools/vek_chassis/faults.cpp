@@ -1,5 +1,5 @@
 // The fault table, what its entries need, and what they work with.
-#include "vek_chassis.h"
+#include "faults.h"
 
 #include <algorithm>
 

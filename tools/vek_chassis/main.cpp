@@ -10,7 +10,7 @@
 // group, both gone at the end. The last line says how it went, for tools to read:
 //     converged 8 cards, 64 records in 412 ms
 //     not converged: 8 cards, 60 of 64 records after 60000 ms
-#include "vek_chassis.h"
+#include "faults.h"
 
 #include <algorithm>
 #include <cstring>
