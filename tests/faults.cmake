@@ -1,5 +1,5 @@
 # The fault suite: a chassis of a few cards, one fault played on it (the fault table of
-# tools/vek_chassis.cpp; vek_chassis --fault help lists them), each case ending with the
+# tools/vek_chassis/; vek_chassis --fault help lists them), each case ending with the
 # simulator's exact check of db 28. The shell-abuse case switches to another user with
 # setpriv, so it runs as root.
 function(fault_test fault)

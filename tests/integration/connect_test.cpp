@@ -5,10 +5,6 @@
 #include <csignal>
 #include <sstream>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include "kx_global.h"
 #include "kx_mom.h"
 #include "test_redis.h"
@@ -30,23 +26,12 @@ std::string connect(kx_global_t *g, int32_t db, const Env &env)
     return std::to_string(rc) + " " + said;
 }
 
-std::string free_port()
-{
-    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t len = sizeof a;
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    bind(fd, reinterpret_cast<sockaddr *>(&a), len);
-    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-    close(fd);
-    return std::to_string(ntohs(a.sin_port));
-}
-
 // A server the sentinel names as the primary but that is a replica is not used; sentinels
 // that are missing, hang or refuse are each passed over, and named when all have failed.
 TEST(Connect, SentinelsAreAskedInTurnAndNoReplicaIsTakenForThePrimary)
 {
     TempDir dir;
-    const std::string port = free_port(), sentinel = dir / "sentinel.sock";
+    const std::string port = std::to_string(host::free_port()), sentinel = dir / "sentinel.sock";
     Process replica({"redis-server", "--port", port, "--bind", "127.0.0.1", "--replicaof",
                      "127.0.0.1", "1", "--databases", "32", "--save", "", "--dir", dir.path()},
                     {}, dir.path(), "replica");

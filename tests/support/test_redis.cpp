@@ -1,78 +1,20 @@
 #include "test_redis.h"
 
 #include <algorithm>
-#include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
-
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace testsupport {
 
-TempDir::TempDir()
-{
-    const char *base = getenv("TMPDIR");
-    path_ = std::string(base && *base ? base : "/tmp") + "/vek_cap_test.XXXXXX";
-    if (!mkdtemp(path_.data()))
-        throw std::runtime_error("mkdtemp failed");
-}
-
-TempDir::~TempDir()
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
-// fork + exec with `env` added to this process's environment.
 Process::Process(const std::vector<std::string> &argv, const Env &env, const std::string &dir,
                  const std::string &name)
+    : host::Process({.argv = argv,
+                     .env = env,
+                     .out = dir + "/" + name + ".out",
+                     .err = dir + "/" + name + ".err"})
 {
-    if ((pid_ = fork()) != 0)
-        return;
-    const int out_flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
-    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
-    dup2(open((dir + "/" + name + ".out").c_str(), out_flags, 0644), 1);
-    dup2(open((dir + "/" + name + ".err").c_str(), out_flags, 0644), 2);
-    for (const auto &[k, v] : env)
-        setenv(k.c_str(), v.c_str(), 1);
-    std::vector<char *> args;
-    for (const auto &a : argv)
-        args.push_back(const_cast<char *>(a.c_str()));
-    args.push_back(nullptr);
-    execvp(args[0], args.data());
-    _exit(127);
-}
-
-Process::~Process() { signal(SIGKILL), wait(5s); }
-
-bool Process::running()
-{
-    int raw = 0;
-    if (status_ == -1 && pid_ > 0 && waitpid(pid_, &raw, WNOHANG) == pid_)
-        status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-    return status_ == -1 && pid_ > 0;
-}
-
-void Process::signal(int sig)
-{
-    if (running())
-        kill(pid_, sig);
-}
-
-int Process::wait(std::chrono::milliseconds timeout)
-{
-    if (wait_for([this] { return !running(); }, timeout))
-        return status_;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    status_ = -2;
-    return -1;
 }
 
 RunResult run(const std::vector<std::string> &argv, const Env &env,
@@ -93,11 +35,9 @@ void RedisServer::start()
 {
     proc_.reset();
     proc_ = std::make_unique<Process>(
-        std::vector<std::string>{"redis-server", "--port", "0", "--unixsocket", socket_,
-                                 "--unixsocketperm", "700", "--databases",
-                                 std::to_string(options_.databases), "--notify-keyspace-events",
-                                 options_.notify, "--save", "", "--appendonly", "no", "--dir",
-                                 dir_.path(), "--loglevel", "warning"},
+        host::redis_server(dir_.path(), {},
+                           {"--databases", std::to_string(options_.databases),
+                            "--notify-keyspace-events", options_.notify}),
         Env{}, dir_.path(), "redis");
     if (!wait_for([this] { return cli(0, {"PING"}) == "PONG"; }, 10s))
         throw std::runtime_error("redis-server did not start: " + read_file(dir_ / "redis.err"));
@@ -139,24 +79,6 @@ std::vector<std::string> RedisServer::dump(int db) const
         lines.push_back(line);
     std::ranges::sort(lines); // bytewise, whatever the server's locale
     return lines;
-}
-
-bool wait_for(const std::function<bool()> &pred, std::chrono::milliseconds timeout)
-{
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
-
-std::string read_file(const std::string &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
 }
 
 void write_file(const std::string &path, const std::string &text)

@@ -3,32 +3,24 @@
 #ifndef TEST_REDIS_H
 #define TEST_REDIS_H
 
-#include <sys/types.h>
-
 #include <chrono>
-#include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "host.h"
+
 namespace testsupport {
 
 using namespace std::chrono_literals;
-using Env = std::map<std::string, std::string>;
+using host::Env;
+using host::read_file; // empty when missing
+using host::wait_for;  // polls every 10 ms, for 5 s unless told
 
 // A fresh directory under $TMPDIR, removed with everything in it.
-class TempDir {
+class TempDir : public host::TempDir {
 public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    const std::string &path() const { return path_; }
-    std::string operator/(const std::string &name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
+    TempDir() : host::TempDir("vek_cap_test") {}
 };
 
 struct RunResult {
@@ -37,24 +29,12 @@ struct RunResult {
     std::string err;
 };
 
-// A child process whose standard output and error go to `dir`/`name`.out and .err.
-class Process {
+// A child process whose standard output and error go to `dir`/`name`.out and .err; it is
+// killed if still running when it goes. wait() gives its exit status (or 128 + signal).
+class Process : public host::Process {
 public:
     Process(const std::vector<std::string> &argv, const Env &env, const std::string &dir,
             const std::string &name);
-    ~Process(); // kills it if still running
-    Process(const Process &) = delete;
-    Process &operator=(const Process &) = delete;
-
-    pid_t pid() const { return pid_; }
-    bool running();
-    void signal(int sig);
-    // Exit status (or 128 + signal), or -1 after `timeout` (the process is then killed).
-    int wait(std::chrono::milliseconds timeout = 10s);
-
-private:
-    pid_t pid_ = -1;
-    int status_ = -1;
 };
 
 // Runs to completion (killed after `timeout`), standard input empty.
@@ -92,9 +72,6 @@ private:
     std::unique_ptr<Process> proc_; // killed first, before its directory goes
 };
 
-// Polls `pred` every 10 ms until it holds or `timeout` passes.
-bool wait_for(const std::function<bool()> &pred, std::chrono::milliseconds timeout = 5s);
-std::string read_file(const std::string &path);                    // empty when missing
 void write_file(const std::string &path, const std::string &text); // creates parent dirs
 
 } // namespace testsupport
