@@ -422,34 +422,34 @@ std::string io_failure(const redisContext *c)
 
 std::string keyspace_prefix(int32_t db) { return "__keyspace@" + std::to_string(db) + "__:"; }
 
-void format_command(const Command &cmd, std::string *out)
-{
-    // RESP by hand: hiredis's own formatting costs a dozen allocations a command, more
-    // than the rest of a write.
-    auto number = [out](char kind, size_t n) {
-        char text[24];
-        text[0] = kind;
-        char *end = std::to_chars(text + 1, text + sizeof text, n).ptr;
-        out->append(text, end).append("\r\n");
-    };
-    number('*', cmd.size());
-    for (std::string_view arg : cmd) {
-        number('$', arg.size());
-        out->append(arg).append("\r\n");
-    }
-}
-
+// RESP, written by hand into one buffer for a whole pipeline: hiredis's own formatting
+// costs a dozen allocations a command, more than the rest of a write.
 int append_commands(redisContext *c, std::span<const Command> cmds)
 {
-    size_t size = 0; // the arguments and at most 16 bytes of framing each
-    for (const Command &cmd : cmds)
+    size_t size = 0; // each argument, and at most 24 bytes of framing each
+    for (const Command &cmd : cmds) {
+        size += 24;
         for (std::string_view arg : cmd)
-            size += arg.size() + 16;
-    std::string text;
-    text.reserve(size + 16 * cmds.size());
-    for (const Command &cmd : cmds)
-        format_command(cmd, &text);
-    return redisAppendFormattedCommand(c, text.data(), text.size());
+            size += arg.size() + 24;
+    }
+    std::string text(size, '\0');
+    char *at = text.data();
+    auto number = [&at](char kind, size_t n) {
+        *at++ = kind;
+        at = std::to_chars(at, at + 20, n).ptr;
+        *at++ = '\r';
+        *at++ = '\n';
+    };
+    for (const Command &cmd : cmds) {
+        number('*', cmd.size());
+        for (std::string_view arg : cmd) {
+            number('$', arg.size());
+            at = std::copy(arg.begin(), arg.end(), at);
+            *at++ = '\r';
+            *at++ = '\n';
+        }
+    }
+    return redisAppendFormattedCommand(c, text.data(), static_cast<size_t>(at - text.data()));
 }
 
 int append_command(redisContext *c, const Command &cmd) { return append_commands(c, {&cmd, 1}); }
