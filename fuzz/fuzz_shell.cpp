@@ -8,9 +8,6 @@
 #include <cstring>
 #include <string>
 
-#include <event2/buffer.h>
-
-#include "kx_internal.h"
 #include "ssat.h"
 
 namespace {
@@ -50,11 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static const bool registered = register_commands(); // after libkx's own statics exist
     if (!registered)
         abort();
-    evbuffer *out = evbuffer_new();
-    kx::ssat_execute("fuzz", {reinterpret_cast<const char *>(data), size}, out);
-    std::string reply(evbuffer_get_length(out), '\0');
-    evbuffer_remove(out, reply.data(), reply.size());
-    evbuffer_free(out);
+    const std::string reply =
+        ssat_answer("fuzz", {reinterpret_cast<const char *>(data), size});
     if (!well_formed(reply))
         abort();
     return 0;

@@ -20,7 +20,6 @@
 #include <unistd.h>
 
 #include "kx_global.h"
-#include "kx_internal.h"
 #include "ssat.h"
 
 namespace {
@@ -132,7 +131,7 @@ int relay_reply(int fd, const std::string &module, int send_error)
         return exit_refused;
     }
     body = body.substr(0, expected); // bytes past the announced ones are not the handler's
-    if (!kx::write_all(STDOUT_FILENO, body)) {
+    if (!kx_write_all(STDOUT_FILENO, body)) {
         perror("ssat: standard output");
         return exit_refused;
     }
@@ -170,7 +169,7 @@ int main(int argc, char **argv)
     int fd = connect_daemon(module, path);
     if (fd < 0)
         return exit_unreachable;
-    int rc = relay_reply(fd, module, kx::write_all(fd, line) ? 0 : errno);
+    int rc = relay_reply(fd, module, kx_write_all(fd, line) ? 0 : errno);
     close(fd);
     return rc;
 }

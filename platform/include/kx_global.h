@@ -43,4 +43,12 @@ int32_t kx_monotime(kx_timestamp_t *ts);
 // KX_ROOT followed by `path` (an absolute path); `path` alone when KX_ROOT is unset.
 std::string kx_root_path(std::string_view path);
 
+// Writes all of `data` to `fd` (a blocking descriptor), going on after EINTR and short
+// writes; false on any other failure.
+bool kx_write_all(int fd, std::string_view data);
+
+// Runs what is ready on the loop now (due timers, connections with data), without
+// waiting: for a program that drives the loop itself. 0, or -1 when it cannot run.
+int32_t kx_global_poll(kx_global_t *global);
+
 #endif

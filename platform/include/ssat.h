@@ -7,6 +7,8 @@
 #include <cctype>
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <string_view>
 #include <tuple>
 #include <type_traits>
 
@@ -40,6 +42,10 @@ inline bool ssat_valid_module(const char *module)
             return false;
     return true;
 }
+
+// What a client of the module's socket receives for one request line: "OK <n>\n" and the
+// command's n bytes of output, or one line "ERR <why>\n"; the command runs here, now.
+std::string ssat_answer(const char *module, std::string_view line);
 
 // Listens on <KX_ROOT>/var/run/ssat/<module>.sock from the loop of `global`.
 int32_t ssat_lib_init(kx_global_t *global, const char *module);

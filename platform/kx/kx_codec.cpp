@@ -223,24 +223,6 @@ std::string key_error(std::string_view key, const char *why)
 
 } // namespace
 
-std::string printable(std::string_view value)
-{
-    static constexpr char hex[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : value.substr(0, 64)) {
-        if (c >= 0x20 && c < 0x7f && c != '\\') {
-            out += static_cast<char>(c);
-        } else {
-            out += "\\x";
-            out += hex[c >> 4];
-            out += hex[c & 15];
-        }
-    }
-    if (value.size() > 64)
-        out += "...";
-    return out;
-}
-
 const ProtobufCFieldDescriptor *index_field(const ProtobufCMessageDescriptor *table)
 {
     if (!table)
@@ -261,16 +243,6 @@ ProtobufCAllocator &allocator() { return g_allocator; }
 
 // Keys must be canonical: "007", "-0", "+1" or " 1" would name the same record under a
 // second key.
-std::optional<int32_t> parse_int32(std::string_view text)
-{
-    int32_t value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size() || text.empty() ||
-        std::to_string(value) != text)
-        return std::nullopt;
-    return value;
-}
-
 bool known_table(const ProtobufCMessage *msg)
 {
     return msg && msg->descriptor && kx_mom_table(msg->descriptor->name) == msg->descriptor;

@@ -93,7 +93,7 @@ void kx::make_parent_dirs(const std::string &path)
         mkdir(path.substr(0, pos).c_str(), 0755);
 }
 
-bool kx::write_all(int fd, std::string_view data)
+bool kx_write_all(int fd, std::string_view data)
 {
     while (!data.empty()) {
         ssize_t n = write(fd, data.data(), data.size());
@@ -141,6 +141,13 @@ int32_t kx_global_run(kx_global_t *global)
     if (!global || !global->base)
         return -1;
     return event_base_dispatch(global->base) < 0 ? -1 : 0;
+}
+
+int32_t kx_global_poll(kx_global_t *global)
+{
+    if (!global || !global->base)
+        return -1;
+    return event_base_loop(global->base, EVLOOP_NONBLOCK) < 0 ? -1 : 0;
 }
 
 void kx_global_finish(kx_global_t *global)

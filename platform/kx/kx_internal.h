@@ -57,13 +57,6 @@ private:
     int fd_;
 };
 
-// Writes all of `data` to `fd` (a blocking descriptor), going on after EINTR and
-// short writes; false on any other failure.
-bool write_all(int fd, std::string_view data);
-
-// Queues into `out` the debug shell's reply to one request line for `module`: the
-// command's output, or why it did not run (what a client of the socket receives).
-void ssat_execute(std::string_view module, std::string_view line, evbuffer *out);
 
 // Opens every log file output again by its path: after logrotate moved the file,
 // records go to a new one (SIGHUP).

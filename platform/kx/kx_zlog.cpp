@@ -374,7 +374,7 @@ void kxdf_zlog(kx_zlog_category_t *category, const char *file, size_t filelen, c
     }
     record += '\n';
     // A full disk or a closed stderr loses the record; the caller goes on.
-    (void)kx::write_all(category->fd, record);
+    (void)kx_write_all(category->fd, record);
 }
 
 int at_snprintf(char *buf, size_t size, const char *format, ...)

@@ -449,9 +449,15 @@ int32_t open_listener(Listener &l)
 
 } // namespace
 
-void kx::ssat_execute(std::string_view module, std::string_view line, evbuffer *out)
+std::string ssat_answer(const char *module, std::string_view line)
 {
-    execute(module, line, out);
+    std::unique_ptr<evbuffer, decltype(&evbuffer_free)> out(evbuffer_new(), evbuffer_free);
+    if (!out || !module)
+        return {};
+    execute(module, line, out.get());
+    std::string reply(evbuffer_get_length(out.get()), '\0');
+    evbuffer_remove(out.get(), reply.data(), reply.size());
+    return reply;
 }
 
 // One listener per module served from this handle.

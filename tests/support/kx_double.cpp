@@ -9,7 +9,9 @@
 
 #include "kx_codec.h"
 #include "kx_double.h"
-#include "kx_internal.h"
+
+// The double's handle: the loop is its queue of deliveries, nothing more.
+struct kx_global {};
 
 namespace kxd {
 namespace {

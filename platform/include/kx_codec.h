@@ -1,7 +1,8 @@
 // kx_codec: how records become store keys and hash fields, and back, and which
 // arguments the store calls accept. Pure code: no connection, no I/O, no logging.
-// libkx and the unit-test store share it, so both agree byte for byte on keys, values
-// and selections, and refuse the same calls.
+// libkx, its tools (kxctl reads and writes records as text through it) and the
+// unit-test store share it, so all agree byte for byte on keys, values and selections,
+// and refuse the same calls.
 //
 // Keys: the table's full name, then for a table with an `index` each index field
 // in field-number order, each preceded by `|`. Integers in decimal; in strings
@@ -42,6 +43,7 @@
 #include <protobuf-c/protobuf-c.h>
 
 #include "kx_mom.h"
+#include "kx_text.h"
 
 namespace kx {
 
@@ -67,10 +69,6 @@ template <typename T, typename M> auto &member(M *msg, const ProtobufCFieldDescr
     using Out = std::conditional_t<std::is_const_v<M>, const T, T>;
     return *reinterpret_cast<Out *>(reinterpret_cast<Byte *>(msg) + f->offset);
 }
-
-// A canonical decimal int32, exactly as std::to_string writes it: no sign but `-`, no
-// leading zero, no blank ("007", "-0", "+1", " 1" are refused).
-std::optional<int32_t> parse_int32(std::string_view text);
 
 // True for a message of a table libkx knows. Every call refuses any other key or record,
 // and a null one, with KX_MOM_EINVAL.
@@ -191,10 +189,6 @@ std::string encode_whole(const ProtobufCMessage *record);
 // its defaults.
 int32_t decode_whole(const ProtobufCMessageDescriptor *table, std::string_view key,
                      std::string_view value, Message *out, std::string *error);
-
-// `text` fit for a one-line message: printable ASCII as is, other bytes and `\`
-// as \xNN, cut after 64 bytes with "...".
-std::string printable(std::string_view text);
 
 // A fresh record of `table` with every field at its default; nullptr when it cannot be
 // allocated.
