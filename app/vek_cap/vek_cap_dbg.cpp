@@ -115,33 +115,6 @@ int32_t vek_cap_dump_all(void)
     return 0;
 }
 
-namespace {
-
-// Standard output sent to another descriptor until this goes out of scope, on every path.
-class vek_cap_stdout_to {
-public:
-    explicit vek_cap_stdout_to(int fd) : saved_(dup(STDOUT_FILENO))
-    {
-        if (fd >= 0)
-            dup2(fd, STDOUT_FILENO);
-    }
-    ~vek_cap_stdout_to()
-    {
-        fflush(stdout);
-        if (saved_ >= 0) {
-            dup2(saved_, STDOUT_FILENO);
-            close(saved_);
-        }
-    }
-    vek_cap_stdout_to(const vek_cap_stdout_to &) = delete;
-    vek_cap_stdout_to &operator=(const vek_cap_stdout_to &) = delete;
-
-private:
-    int saved_;
-};
-
-} // namespace
-
 int32_t vek_cap_collect(void)
 {
     // The directory is made without a shell: KX_ROOT may hold any character.
@@ -153,7 +126,7 @@ int32_t vek_cap_collect(void)
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (fd < 0)
         printf("%s open fail\r\n", path.c_str());
-    vek_cap_stdout_to redirect(fd);
+    ssat_stdout_to redirect(fd);
     if (fd >= 0)
         close(fd);
     vek_cap_dump_all();

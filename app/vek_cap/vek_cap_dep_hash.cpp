@@ -15,6 +15,7 @@
 
 #include <xxhash.h>
 
+#include "kx_free.h"
 #include "vek_cap.h"
 
 static constexpr std::string_view vek_cap_unit = "app/vek_cap/vek_cap";
@@ -146,10 +147,6 @@ uint32_t dep_hash_slot(const vek_cap_dep_hash_t *h, uint32_t hash)
     }
 }
 
-struct dir_close {
-    void operator()(DIR *dir) const { closedir(dir); }
-};
-
 // Adds a module known to be absent, rehashing first when the occupied buckets have
 // reached the bound. Null, with the registry as it was, when memory runs out.
 vek_cap_dep_item *dep_hash_add(vek_cap_dep_hash_t *h, const vek_cap_dep_item *item)
@@ -277,7 +274,7 @@ int vek_cap_chk_ready(vek_cap_dep_item *item, void *para)
 
 void vek_cap_collect_dep_event(void)
 {
-    std::unique_ptr<DIR, dir_close> pdir(opendir(kx_root_path(VEK_CAP_DEP_DIR).c_str()));
+    std::unique_ptr<DIR, FreeWith<closedir>> pdir(opendir(kx_root_path(VEK_CAP_DEP_DIR).c_str()));
     if (!pdir) {
         VEK_CAP_ERR("pdir NULL pointer, addr error!\n");
         return;

@@ -42,20 +42,15 @@
 
 #include <protobuf-c/protobuf-c.h>
 
+#include "kx_free.h"
 #include "kx_mom.h"
 #include "kx_text.h"
 
 namespace kx {
 
 // Owners of what the codec and the reads return.
-struct MessageFree {
-    void operator()(ProtobufCMessage *msg) const { kx_mom_kx_obj_free(msg); }
-};
-using Message = std::unique_ptr<ProtobufCMessage, MessageFree>;
-struct HashResFree {
-    void operator()(kx_mom_hash_res *res) const { kx_mom_hash_res_free(res); }
-};
-using HashRes = std::unique_ptr<kx_mom_hash_res, HashResFree>;
+using Message = std::unique_ptr<ProtobufCMessage, FreeWith<kx_mom_kx_obj_free>>;
+using HashRes = std::unique_ptr<kx_mom_hash_res, FreeWith<kx_mom_hash_res_free>>;
 
 // Malloc and free unless a test replaces them to make allocations fail. protobuf-c
 // unpacks through it; every free of what the codec made goes through `free`.

@@ -5,12 +5,16 @@
 #define SSAT_H
 
 #include <cctype>
+#include <cstdio>
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "kx_global.h"
 
@@ -46,6 +50,36 @@ inline bool ssat_valid_module(const char *module)
 // What a client of the module's socket receives for one request line: "OK <n>\n" and the
 // command's n bytes of output, or one line "ERR <why>\n"; the command runs here, now.
 std::string ssat_answer(const char *module, std::string_view line);
+
+// Standard output sent to descriptor `fd` (none when it is negative) until this goes out of
+// scope, on every path: the shell sends a command's output to its client so, and a
+// command may send it elsewhere in turn (to a file) as long as it puts it back. Output
+// closed before stays closed after.
+class ssat_stdout_to {
+public:
+    explicit ssat_stdout_to(int fd)
+    {
+        fflush(stdout);
+        saved_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3); // above the standard descriptors
+        if (fd >= 0)
+            dup2(fd, STDOUT_FILENO);
+    }
+    ~ssat_stdout_to()
+    {
+        fflush(stdout);
+        if (saved_ >= 0) {
+            dup2(saved_, STDOUT_FILENO);
+            close(saved_);
+        } else {
+            close(STDOUT_FILENO);
+        }
+    }
+    ssat_stdout_to(const ssat_stdout_to &) = delete;
+    ssat_stdout_to &operator=(const ssat_stdout_to &) = delete;
+
+private:
+    int saved_;
+};
 
 // Listens on <KX_ROOT>/var/run/ssat/<module>.sock from the loop of `global`.
 int32_t ssat_lib_init(kx_global_t *global, const char *module);

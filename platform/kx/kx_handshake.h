@@ -15,17 +15,12 @@
 #include <hiredis/hiredis.h>
 
 #include "kx_endpoint.h"
+#include "kx_free.h"
 
 namespace kx {
 
-struct ReplyFree {
-    void operator()(redisReply *r) const { freeReplyObject(r); }
-};
-using Reply = std::unique_ptr<redisReply, ReplyFree>;
-struct ContextFree {
-    void operator()(redisContext *c) const { redisFree(c); }
-};
-using Context = std::unique_ptr<redisContext, ContextFree>;
+using Reply = std::unique_ptr<redisReply, FreeWith<freeReplyObject>>;
+using Context = std::unique_ptr<redisContext, FreeWith<redisFree>>;
 
 using Command = std::vector<std::string_view>;
 

@@ -41,10 +41,7 @@
 
 namespace kx {
 
-struct EventFree {
-    void operator()(event *e) const { event_free(e); }
-};
-using Event = std::unique_ptr<event, EventFree>;
+using Event = std::unique_ptr<event, FreeWith<event_free>>;
 
 struct Database;
 

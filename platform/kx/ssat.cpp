@@ -54,9 +54,6 @@ constexpr size_t max_clients = 64;
 constexpr timeval idle_timeout{5, 0};
 constexpr timeval accept_pause{1, 0};
 
-template <auto Free> struct FreeWith {
-    template <class T> void operator()(T *p) const { Free(p); }
-};
 using BufferEvent = std::unique_ptr<bufferevent, FreeWith<bufferevent_free>>;
 using ConnListener = std::unique_ptr<evconnlistener, FreeWith<evconnlistener_free>>;
 using Event = std::unique_ptr<event, FreeWith<event_free>>;
@@ -130,33 +127,6 @@ std::optional<std::vector<std::string_view>> split_words(std::string_view line)
 
 // ---- running a handler with standard output captured ---------------------------------
 
-// Points descriptor 1 at `target` for its lifetime; the handler may move descriptor 1
-// itself meanwhile (a dump to a file does) as long as it puts it back.
-class StdoutRedirect {
-public:
-    explicit StdoutRedirect(int target)
-    {
-        fflush(stdout);
-        saved_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3); // -1 when stdout was closed
-        dup2(target, STDOUT_FILENO);
-    }
-    ~StdoutRedirect()
-    {
-        fflush(stdout);
-        if (saved_ >= 0) {
-            dup2(saved_, STDOUT_FILENO);
-            close(saved_);
-        } else {
-            close(STDOUT_FILENO);
-        }
-    }
-    StdoutRedirect(const StdoutRedirect &) = delete;
-    StdoutRedirect &operator=(const StdoutRedirect &) = delete;
-
-private:
-    int saved_;
-};
-
 void reply_error(evbuffer *out, std::string_view reason)
 {
     evbuffer_add_printf(out, "ERR %.*s\n", static_cast<int>(reason.size()), reason.data());
@@ -181,7 +151,7 @@ void run_handler(const Command &command, const ssat_args &args, evbuffer *out)
     if (memfd.get() < 0)
         return reply_error(out, reason("cannot capture output"));
     {
-        StdoutRedirect redirect(memfd.get());
+        ssat_stdout_to redirect(memfd.get());
         command.thunk(command.fn, &args);
     }
     struct stat st {};

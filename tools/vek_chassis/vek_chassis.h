@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "host.h"
+#include "kx_free.h"
 
 namespace chassis {
 
@@ -143,9 +144,6 @@ std::pair<int, std::vector<std::string>> input_command(const Card &c, const Inpu
 
 // ---- the link to the Redis servers (redis_link.cpp) --------------------------------------
 
-template <auto Free> struct FreeWith {
-    template <class T> void operator()(T *p) const { Free(p); }
-};
 using Reply = std::unique_ptr<redisReply, FreeWith<freeReplyObject>>;
 
 // A connection to one server by its Unix socket, made again after it broke; as `user`
