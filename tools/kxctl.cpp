@@ -177,7 +177,7 @@ struct Request {
     std::vector<int32_t> value_tags; // in the order given
 };
 
-int fail(int status, const std::string &why)
+int refuse(int status, const std::string &why)
 {
     fprintf(stderr, "kxctl: %s\n", why.c_str());
     return status;
@@ -185,7 +185,7 @@ int fail(int status, const std::string &why)
 
 int store_failure(const std::string &what, int32_t rc)
 {
-    return fail(exit_store, what + " (" + std::to_string(rc) + ")");
+    return refuse(exit_store, what + " (" + std::to_string(rc) + ")");
 }
 
 // The field `name` sets: index.NAME the index field; a bare name the record's field
@@ -266,7 +266,7 @@ int connect_db(Session &s, int32_t db)
 {
     s.global = kx_global_init("kxctl", nullptr);
     if (!s.global)
-        return fail(exit_store, "cannot create the event loop");
+        return refuse(exit_store, "cannot create the event loop");
     int32_t rc = kx_mom_client_connect_sync(s.global, db);
     return rc ? store_failure("cannot connect to database " + std::to_string(db), rc) : 0;
 }
@@ -285,7 +285,7 @@ int cmd_get(Session &s, const Request &req)
     } else {
         res.reset(kx_mom_hgetall_sync(s.global, req.db, req.record.get()));
         if (!res)
-            return fail(exit_store, "cannot read " + key + ": connection lost");
+            return refuse(exit_store, "cannot read " + key + ": connection lost");
         err = res->error_code;
     }
     const auto *record =
@@ -293,7 +293,7 @@ int cmd_get(Session &s, const Request &req)
     if (err != 0)
         return store_failure("cannot read " + key, err);
     if (!record)
-        return fail(exit_store, "no record " + key);
+        return refuse(exit_store, "no record " + key);
     print(record_line(key, *record, res.get()), req.style);
     return 0;
 }
@@ -481,7 +481,7 @@ int cmd_chassis(Session &s, int32_t db, Style style)
         const Table *ready = kx_mom_table(ready_name);
         const Table *entries = kx_mom_table(entries_name);
         if (!ready || !entries)
-            return fail(exit_store, "the store does not know the chassis tables");
+            return refuse(exit_store, "the store does not know the chassis tables");
         std::map<int32_t, long> counts;
         int rc = scan_table(s, db, entries, nullptr, [&](const auto &, const auto &record) {
             if (auto node = node_of(record))
@@ -549,17 +549,17 @@ int run_table_command(Request &req, std::span<const std::string> words)
 {
     req.table = kx_mom_table(words[0].c_str());
     if (!req.table)
-        return fail(exit_usage, "unknown table '" + words[0] + "' (kxctl tables lists them)");
+        return refuse(exit_usage, "unknown table '" + words[0] + "' (kxctl tables lists them)");
     req.db = req.db >= 0 ? req.db : home_db(req.table);
     if (auto err = parse_assignments(req, words.subspan(1)))
-        return fail(exit_usage, *err);
+        return refuse(exit_usage, *err);
     bool one_record = req.command != "scan" && req.command != "watch";
     for (const Field &f : fields_of(index_table(req.table)))
         if (one_record && std::ranges::count(req.index_given, &f) == 0)
-            return fail(exit_usage,
+            return refuse(exit_usage,
                         std::string("missing index field ") + f.name + " (" + type_name(&f) + ")");
     if (req.command == "set" && req.value_tags.empty())
-        return fail(exit_usage, "set needs at least one field=value");
+        return refuse(exit_usage, "set needs at least one field=value");
 
     Session s;
     if (int rc = connect_db(s, req.db); rc != 0)
@@ -581,8 +581,10 @@ int main(int argc, char **argv)
     std::vector<std::string> words;
     for (int i = 1; i < argc; ++i) {
         std::string_view a = argv[i];
-        if (a == "--help" || a == "-h")
-            return fputs(usage().c_str(), stdout), 0;
+        if (a == "--help" || a == "-h") {
+            fputs(usage().c_str(), stdout);
+            return 0;
+        }
         if (a == "--json")
             req.style = Style::json;
         else if (a != "-n")

@@ -30,7 +30,7 @@ bool parse_endpoint(std::string_view text, Endpoint *ep);
 // A port 1 to 65535, in decimal and nothing else.
 bool parse_port(std::string_view text, int *port);
 // The endpoint in messages: as configured, and the server a sentinel named.
-std::string shown(const Endpoint &ep);
+std::string endpoint_text(const Endpoint &ep);
 
 struct Settings {
     Endpoint endpoint;

@@ -170,6 +170,17 @@ std::string field_text(const ProtobufCMessage *msg, const ProtobufCFieldDescript
     }
 }
 
+namespace {
+
+// `*why` is the reason a value is refused; always false.
+bool refuse(const char **why, const char *reason)
+{
+    *why = reason;
+    return false;
+}
+
+} // namespace
+
 // Stores `value` into field `f` of `msg`; false when it does not fit the type.
 bool set_field(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::string_view value,
                const char **why)
@@ -181,12 +192,14 @@ bool set_field(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::st
         else if (value == "false" || value == "0")
             member<protobuf_c_boolean>(msg, f) = 0;
         else
-            return *why = "not a bool", false;
+            return refuse(why, "not a bool");
         return true;
     case PROTOBUF_C_TYPE_STRING:
         if (value.find('\0') != std::string_view::npos)
-            return *why = "NUL byte in a string", false;
-        return set_string(msg, f, value) || (*why = kNoMemory, false);
+            return refuse(why, "NUL byte in a string");
+        if (!set_string(msg, f, value))
+            return refuse(why, kNoMemory);
+        return true;
     case PROTOBUF_C_TYPE_BYTES: {
         auto &b = member<ProtobufCBinaryData>(msg, f);
         release(b.data);
@@ -195,7 +208,7 @@ bool set_field(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::st
             return true;
         b.data = static_cast<uint8_t *>(alloc(value.size()));
         if (!b.data)
-            return *why = kNoMemory, false;
+            return refuse(why, kNoMemory);
         memcpy(b.data, value.data(), value.size());
         b.len = value.size();
         return true;
@@ -205,9 +218,8 @@ bool set_field(ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f, std::st
         int32_t n = 0;
         auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), n);
         if (value.empty() || ec != std::errc() || end != value.data() + value.size())
-            return *why =
-                       ec == std::errc::result_out_of_range ? "int32 out of range" : "not an int32",
-                   false;
+            return refuse(why, ec == std::errc::result_out_of_range ? "int32 out of range"
+                                                                    : "not an int32");
         member<int32_t>(msg, f) = n;
         return true;
     }

@@ -124,7 +124,7 @@ bool parse_endpoint(std::string_view text, Endpoint *ep)
     return !host.empty() && parse_port(rest.substr(colon + 1), &ep->port);
 }
 
-std::string shown(const Endpoint &ep)
+std::string endpoint_text(const Endpoint &ep)
 {
     if (ep.sentinels.empty() || ep.where.empty())
         return ep.text;
@@ -149,7 +149,7 @@ int32_t settings_for(int32_t db, const Lookup &env, Settings *out, std::string *
         return KX_MOM_ECONFIG;
     }
     if (!credentials_for(db, env, out, why)) {
-        *why = shown(out->endpoint) + ": " + *why;
+        *why = endpoint_text(out->endpoint) + ": " + *why;
         return KX_MOM_ECONFIG;
     }
     return 0;

@@ -25,11 +25,11 @@ constexpr std::chrono::milliseconds kSentinelLimit{500};
 
 std::string user_name(const Handshake &h) { return h.settings.user.value_or("default"); }
 
-// The handshake fails for `what` at its endpoint.
-bool fail(Handshake &h, int32_t code, const std::string &what)
+// The handshake stops: it failed for `what` at its endpoint. Always false.
+bool halt(Handshake &h, int32_t code, const std::string &what)
 {
     h.code = code;
-    h.why = shown(h.settings.endpoint) + ": " + what;
+    h.why = endpoint_text(h.settings.endpoint) + ": " + what;
     return false;
 }
 
@@ -46,9 +46,9 @@ bool open_server(Handshake &h)
     for (Context *c : {&h.cmd, &h.sub}) {
         c->reset(connect_without_waiting(h.settings.endpoint));
         if (!*c)
-            return fail(h, KX_MOM_ENOMEM, "out of memory");
+            return halt(h, KX_MOM_ENOMEM, "out of memory");
         if ((*c)->err)
-            return fail(h, KX_MOM_ENOTCONN, std::string("cannot connect: ") + (*c)->errstr);
+            return halt(h, KX_MOM_ENOTCONN, std::string("cannot connect: ") + (*c)->errstr);
     }
     return true;
 }
@@ -71,7 +71,7 @@ void ask_next_sentinel(Handshake &h)
         Context c(connect_without_waiting(sentinels[h.next_sentinel++]));
         if (!c || (!c->err && append_command(c.get(), {"SENTINEL", "get-master-addr-by-name",
                                                        h.settings.endpoint.primary_of}) != REDIS_OK)) {
-            fail(h, KX_MOM_ENOMEM, "out of memory");
+            halt(h, KX_MOM_ENOMEM, "out of memory");
             return;
         }
         if (!c->err) {
@@ -80,7 +80,7 @@ void ask_next_sentinel(Handshake &h)
         }
         unanswered(h, c->errstr);
     }
-    fail(h, KX_MOM_ENOTCONN,
+    halt(h, KX_MOM_ENOTCONN,
          "no sentinel named the primary of '" + printable(h.settings.endpoint.primary_of) +
              "': " + h.unanswered);
 }
@@ -137,7 +137,10 @@ Wait ask_sentinel(Handshake &h)
 // Queues one command of a step: 1, or 0 when out of memory.
 size_t queue(Handshake &h, redisContext *c, const Command &cmd)
 {
-    return append_command(c, cmd) == REDIS_OK ? 1 : (fail(h, KX_MOM_ENOMEM, "out of memory"), 0);
+    if (append_command(c, cmd) == REDIS_OK)
+        return 1;
+    halt(h, KX_MOM_ENOMEM, "out of memory");
+    return 0;
 }
 
 // The steps of the handshake. `send` queues a step's commands and gives their
@@ -163,8 +166,9 @@ size_t send_auth(int32_t, Handshake &h, redisContext *c)
 
 bool accept_auth(int32_t, Handshake &h, std::span<const Reply> r)
 {
-    return r[0]->type != REDIS_REPLY_ERROR ||
-           fail(h, KX_MOM_ECONFIG,
+    if (r[0]->type != REDIS_REPLY_ERROR)
+        return true;
+    return halt(h, KX_MOM_ECONFIG,
                 "AUTH as '" + user_name(h) + "' refused: " + reply_text(r[0].get()));
 }
 
@@ -183,7 +187,7 @@ bool accept_notify_get(int32_t, Handshake &h, std::span<const Reply> r)
                                       ? std::string_view(reply->str, reply->len)
                                       : std::string_view();
     if (text.starts_with("NOAUTH"))
-        return fail(h, KX_MOM_ECONFIG,
+        return halt(h, KX_MOM_ECONFIG,
                     "the server needs a password: set KX_MOM_PASSWORD or KX_MOM_PASSWORD_FILE "
                     "(and KX_MOM_USER for an ACL user), or their _<db> forms");
     if (text.starts_with("NOPERM")) {
@@ -192,7 +196,7 @@ bool accept_notify_get(int32_t, Handshake &h, std::span<const Reply> r)
     }
     if (reply->type != REDIS_REPLY_ARRAY || reply->elements != 2 ||
         reply->element[1]->type != REDIS_REPLY_STRING)
-        return fail(h, KX_MOM_ECONFIG,
+        return halt(h, KX_MOM_ECONFIG,
                     "cannot read the server's notify-keyspace-events: " + reply_text(reply));
     h.notify.assign(reply->element[1]->str, reply->element[1]->len);
     return true;
@@ -221,8 +225,9 @@ size_t send_notify_set(int32_t, Handshake &h, redisContext *c)
 
 bool accept_notify_set(int32_t, Handshake &h, std::span<const Reply> r)
 {
-    return r[0]->type != REDIS_REPLY_ERROR ||
-           fail(h, KX_MOM_ECONFIG,
+    if (r[0]->type != REDIS_REPLY_ERROR)
+        return true;
+    return halt(h, KX_MOM_ECONFIG,
                 "keyspace notifications '" + printable(h.notify) + "' lack '" +
                     missing_notify(h.notify) + "' and CONFIG SET was refused (" +
                     reply_text(r[0].get()) + "): set `notify-keyspace-events KEA` in redis.conf");
@@ -243,7 +248,7 @@ bool accept_select(int32_t db, Handshake &h, std::span<const Reply> r)
     const bool small = reply->type == REDIS_REPLY_ERROR &&
                        std::string_view(reply->str, reply->len).find("out of range") !=
                            std::string_view::npos;
-    return fail(h, KX_MOM_ECONFIG,
+    return halt(h, KX_MOM_ECONFIG,
                 "SELECT " + std::to_string(db) + " refused: " + reply_text(reply) +
                     (small ? ": set `databases 32` in redis.conf" : ""));
 }
@@ -272,10 +277,11 @@ bool accept_info(int32_t, Handshake &h, std::span<const Reply> r)
         r[0]->type == REDIS_REPLY_STRING ? std::string_view(r[0]->str, r[0]->len) : "";
     h.run_id = std::string(info_field(info, "run_id"));
     if (h.run_id.empty())
-        return fail(h, KX_MOM_EPROTO, "INFO gave no run_id: " + reply_text(r[0].get()));
+        return halt(h, KX_MOM_EPROTO, "INFO gave no run_id: " + reply_text(r[0].get()));
     const std::string_view role = info_field(info, "role");
-    return h.settings.endpoint.sentinels.empty() || role == "master" ||
-           fail(h, KX_MOM_ENOTCONN,
+    if (h.settings.endpoint.sentinels.empty() || role == "master")
+        return true;
+    return halt(h, KX_MOM_ENOTCONN,
                 "the sentinels name it the primary of '" +
                     printable(h.settings.endpoint.primary_of) + "' but its role is " +
                     std::string(role) + ": not connected until they name the primary");
@@ -308,7 +314,7 @@ namespace {
 Wait io_failed(Handshake &h)
 {
     std::string during = h.answered ? kSteps[h.step].name : "cannot connect";
-    fail(h, KX_MOM_ENOTCONN, during + ": " + io_failure(in_use(h)));
+    halt(h, KX_MOM_ENOTCONN, during + ": " + io_failure(in_use(h)));
     return Wait::none;
 }
 
@@ -320,7 +326,7 @@ Wait timed_out(int32_t db, Handshake &h)
         sentinel_failed(h, "no answer within " + std::to_string(kSentinelLimit.count()) + " ms");
         return advance(db, h);
     }
-    fail(h, KX_MOM_ENOTCONN,
+    halt(h, KX_MOM_ENOTCONN,
          std::string("no answer to ") + kSteps[h.step].name + " within " +
              std::to_string(kHandshakeLimit.count() / 1000) + " s");
     return Wait::none;

@@ -68,7 +68,7 @@ bool install(Database &d, Handshake &h)
     if (!make_blocking(h.cmd.get()) || !cmd_watch || !sub_read || !sub_write ||
         event_add(cmd_watch.get(), nullptr) != 0 || event_add(sub_read.get(), nullptr) != 0) {
         h.code = KX_MOM_ENOMEM;
-        h.why = shown(h.settings.endpoint) + ": cannot set up the connections";
+        h.why = endpoint_text(h.settings.endpoint) + ": cannot set up the connections";
         return false;
     }
     d.endpoint = h.settings.endpoint;
@@ -112,7 +112,7 @@ void retry_later(Database &d)
 void reconnected(Database &d, const std::string &previous_run_id)
 {
     int32_t type = d.run_id == previous_run_id ? KX_MOM_RECONNECT_SAME : KX_MOM_RECONNECT_RESTARTED;
-    KX_LOG(NOTICE, "db %d: reconnected to %s (%s)", d.db, shown(d.endpoint).c_str(),
+    KX_LOG(NOTICE, "db %d: reconnected to %s (%s)", d.db, endpoint_text(d.endpoint).c_str(),
            type == KX_MOM_RECONNECT_SAME ? "same server run" : "the server restarted");
     // The writes kept while it was away go first: they are older than anything a
     // callback may write from now on.
@@ -164,7 +164,7 @@ void dial_on(Database &d, Wait w)
     d.dial_deadline.reset();
     if (w != Wait::none) {
         done->code = KX_MOM_ENOMEM;
-        done->why = shown(done->settings.endpoint) + ": cannot watch the connection";
+        done->why = endpoint_text(done->settings.endpoint) + ": cannot watch the connection";
     }
     std::string previous_run_id = d.run_id;
     if (done->code == 0 && install(d, *done)) {
@@ -248,7 +248,7 @@ void mark_down(Database &d, const char *why)
 {
     if (d.link != Link::up)
         return;
-    KX_LOG(WARN, "db %d: connection to %s lost: %s", d.db, shown(d.endpoint).c_str(), why);
+    KX_LOG(WARN, "db %d: connection to %s lost: %s", d.db, endpoint_text(d.endpoint).c_str(), why);
     d.link = Link::down;
     ++d.epoch;
     d.cmd_watch.reset();
@@ -335,7 +335,7 @@ int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db)
         KX_LOG(NOTICE,
                "db %d: %s: this user may not read the server's keyspace notification flags "
                "(CONFIG GET): the server must have notify-keyspace-events with %s (e.g. KEA)",
-               db, kx::shown(d->endpoint).c_str(), std::string(kx::kNeededNotify).c_str());
+               db, kx::endpoint_text(d->endpoint).c_str(), std::string(kx::kNeededNotify).c_str());
     return h.code;
 }
 

@@ -28,9 +28,9 @@ int32_t recorder(kx_global_t *, kx_mom_msg *m, void *out)
                        : !m->data   ? m->key
                        : hash       ? describe(static_cast<kx_mom_hash_res *>(m->data))
                                     : describe(static_cast<ProtobufCMessage *>(m->data));
-    return static_cast<Lines *>(out)->push_back(std::to_string(m->db) + ":" +
-                                                std::to_string(m->cmd) + " " + what),
-           0;
+    static_cast<Lines *>(out)->push_back(std::to_string(m->db) + ":" + std::to_string(m->cmd) +
+                                         " " + what);
+    return 0;
 }
 
 // Runs the loop until `done` holds (false after `timeout`).
@@ -178,7 +178,8 @@ std::map<int32_t, Lines> seen;
 
 int32_t note_up(kx_global_t *, int32_t db, int32_t type)
 {
-    return seen[db].push_back("up " + std::to_string(type)), 0;
+    seen[db].push_back("up " + std::to_string(type));
+    return 0;
 }
 
 // The calls of `command` in INFO commandstats text.

@@ -315,7 +315,8 @@ int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage
                          kx_mom_cb cb, void *privdata)
 {
     return status(line("kx_mom_scan_sync", db, key, true), db, valid(global, db, key) && cb, [&] {
-        return scan({db, selection(key), cb, privdata}), 0;
+        scan({db, selection(key), cb, privdata});
+        return 0;
     });
 }
 
@@ -370,7 +371,8 @@ int32_t kx_mom_hmset_sync(kx_global_t *global, int32_t db, const ProtobufCMessag
         Fields fields = w.whole ? Fields{{"value", w.value}} : Fields{};
         for (auto &f : w.fields) // none for the whole value
             fields.emplace_back(f.name, std::move(f.text));
-        return put_raw(db, w.key, fields, true), 0;
+        put_raw(db, w.key, fields, true);
+        return 0;
     });
 }
 
