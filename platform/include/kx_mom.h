@@ -82,7 +82,7 @@ typedef int32_t (*kx_mom_reconnect_cb)(kx_global_t *global, int32_t db, int32_t 
 // KX_MOM_PASSWORD_<db> (or KX_MOM_PASSWORD_FILE_<db>, its first line), else the same without _<db>,
 // authenticate. A bad value or an unfit server gives
 // KX_MOM_ECONFIG with a line naming the fix, an unreachable or silent one
-// KX_MOM_ENOTCONN. SIGPIPE left at its default is ignored from then on. After this,
+// KX_MOM_ENOTCONN. After this,
 // libkx alone keeps the database connected (see the callbacks).
 int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db);
 // A database whose connection breaks is down: its disconnect callback runs once

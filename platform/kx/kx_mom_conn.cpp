@@ -85,16 +85,6 @@ bool install(Database &d, Handshake &h)
     return true;
 }
 
-// hiredis writes with write(2): a server that closed the connection would end the
-// process with SIGPIPE instead of giving an error. The daemon ignores SIGPIPE
-// itself; a program that left it at its default gets the same.
-void ignore_sigpipe()
-{
-    struct sigaction current {};
-    if (sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL)
-        signal(SIGPIPE, SIG_IGN);
-}
-
 void arm(Event &timer, std::chrono::milliseconds after)
 {
     auto ms = after.count();
@@ -323,7 +313,6 @@ int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db)
         return 0;
     if (d->link == kx::Link::down)
         return KX_MOM_ENOTCONN; // the reconnect is already at it
-    kx::ignore_sigpipe();
     kx::Handshake h;
     if (kx::open_handshake(db, h))
         kx::handshake_now(db, h);

@@ -38,13 +38,17 @@ inline void reset_daemon_state()
     g_vek_cap_subcard_recv_time = g_vek_cap_subcard_sub_time = {};
 }
 
-// The daemon as once started: the double's handle and log sink, `level`, every
-// database connected; no call or log record kept yet.
-inline void start_daemon_state(uint32_t level = 5)
+// The daemon as once started: the double's handle and log sink, `level`, a registry
+// (an empty one unless there is one, or the test makes its own), every database
+// connected; no call or log record kept yet.
+inline void start_daemon_state(uint32_t level = 5, bool registry = true)
 {
     g_vek_cap_global = kx_global_init("vek_cap", nullptr);
     g_vek_cap_zlog_category = kx_zlog_init("vek_cap");
     g_vek_cap_dbg_level = level;
+    if (registry && !g_vek_cap_dep_hash) {
+        EXPECT_EQ(vek_cap_init_dep_hash(), 0);
+    }
     for (auto &s : g_vek_cap_db_state)
         s.state = 1;
     kxd::clear();

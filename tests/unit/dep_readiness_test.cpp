@@ -30,7 +30,6 @@ protected:
     {
         DaemonTest::SetUp();
         vek_cap_test::start_daemon_state(1);
-        ASSERT_EQ(vek_cap_init_dep_hash(), 0);
         for (const char *name : {"A", "B", "C"}) {
             vek_cap_dep_item item;
             vek_cap_con_dep_info(&item, name, 0);

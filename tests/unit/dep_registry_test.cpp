@@ -63,7 +63,7 @@ struct DepRegistry : vek_cap_test::DaemonTest {
     void fresh(uint32_t level = 5)
     {
         DaemonTest::SetUp();
-        vek_cap_test::start_daemon_state(level);
+        vek_cap_test::start_daemon_state(level, false);
         g_vek_cap_dep_alloc = {calloc_or_fail, realloc_or_fail, free};
         ASSERT_EQ(vek_cap_init_dep_hash(), 0);
     }

@@ -18,7 +18,6 @@ protected:
         DaemonTest::SetUp();
         vek_cap_test::start_daemon_state(1);
         ASSERT_EQ(vek_cap_ssat_init(g_vek_cap_global, "vek_cap"), 0);
-        ASSERT_EQ(vek_cap_init_dep_hash(), 0);
     }
     // What a command prints.
     static std::string output(const char *cmd, int32_t num = 0, const char *word = nullptr)

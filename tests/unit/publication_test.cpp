@@ -55,7 +55,6 @@ protected:
     {
         DaemonTest::SetUp();
         vek_cap_test::start_daemon_state(4);
-        ASSERT_EQ(vek_cap_init_dep_hash(), 0);
         add_module("A", 1);
         kxd::put_raw(
             3, "p_libpub.cap_table|/a",
