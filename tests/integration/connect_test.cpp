@@ -1,5 +1,6 @@
-// Connecting through sentinels, and with each database's own credentials. (A failover
-// and the generated ACL at work are run by the chassis simulator: chassis_failover_acl.)
+// Connecting through sentinels. (A failover and the generated ACL at work are run by the
+// chassis simulator: chassis_failover_acl; which credentials a database uses, by
+// kx_endpoint_test, and a card's own password file at work by two_stores_test.)
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -56,44 +57,6 @@ TEST(Connect, SentinelsAreAskedInTurnAndNoReplicaIsTakenForThePrimary)
               "-1001 kx_mom: db 2: " + all + ": no sentinel named the primary of 'vek': unix:" +
                   none + ": No such file or directory; unix:" + sentinel +
                   ": no answer within 500 ms; 127.0.0.1:1: Connection refused\n");
-    kx_global_finish(g);
-}
-
-// A database's own user and password file are used before the common ones; a refusal
-// names the user and the endpoint, never a password.
-TEST(Connect, EachDatabaseHasItsOwnCredentialsAndThePasswordMayComeFromAFile)
-{
-    RedisServer server;
-    server.cli(0, {"ACL", "SETUSER", "card16", "on", ">p4ss-in-file", "~*", "&*", "+@all"});
-    TempDir dir;
-    const std::string good = dir / "good", bad = dir / "bad";
-    write_file(good, "p4ss-in-file\r\nsecond line\n");
-    write_file(bad, "n0t-it\n");
-    // KX_MOM_ settings, and what the connect logs; "_N" stands for the case's database,
-    // each its own, so that none is connected already.
-    const std::pair<std::string, std::string> cases[] = {
-        {"USER_N=card16 PASSWORD_FILE_N=" + bad + " PASSWORD=p4ss-in-file",
-         "AUTH as 'card16' refused: WRONGPASS invalid username-password pair or user is "
-         "disabled."},
-        {"USER=nobody PASSWORD=n0t-it USER_N=card16 PASSWORD_FILE_N=" + good, ""},
-    };
-    kx_global_t *g = kx_global_init("connect_test", nullptr);
-    int32_t db = 2;
-    for (const auto &[settings, said] : cases) {
-        auto own = [&](std::string text) {
-            for (size_t at; (at = text.find("_N")) != std::string::npos;)
-                text.replace(at, 2, "_" + std::to_string(db));
-            return text;
-        };
-        Env env = {{"KX_MOM_ADDR", server.addr()}};
-        std::istringstream words(own(settings));
-        for (std::string w; words >> w;)
-            env["KX_MOM_" + w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
-        std::string at = "db " + std::to_string(db) + ": " + server.addr() + ": ";
-        EXPECT_EQ(connect(g, db, env),
-                  said.empty() ? "0 " : "-1007 kx_mom: " + at + own(said) + "\n");
-        ++db;
-    }
     kx_global_finish(g);
 }
 

@@ -91,16 +91,6 @@ TEST(Kxctl, PrintsWritesAndRefusesAsRedisCliSeesIt)
          "s_frame.cap_fe_ready|16|5 ready=true devid=7 entries=1\n"
          "s_frame.cap_subcard_ready|18 ready=true entries=1\n",
          skipped},
-        {{"--json", "chassis"},
-         1,
-         R"({"key":"s_frame.cap_glb_table|2","index":{"node":2},"entries":1})"
-         "\n"
-         R"({"key":"s_frame.cap_fe_ready|16|5","index":{"node":16,"config_dev_type":5},)"
-         R"("fields":{"ready":true,"devid":7},"entries":1})"
-         "\n"
-         R"({"key":"s_frame.cap_subcard_ready|18","index":{"nodeid":18},"fields":{"ready":true},"entries":1})"
-         "\n",
-         skipped},
         {{"set", glb, "node=-1", "url=a|b%", "str_value=x \"y\""},
          0,
          "",

@@ -231,7 +231,6 @@ void reconnect(int32_t db, int32_t type)
         s.down.erase(db);
         if (auto cb = s.on_up[db])
             cb(&s.global, db, type);
-        std::ranges::for_each(s.subs, confirm);
     });
 }
 
@@ -256,7 +255,12 @@ kx_global_t *kx_global_init(const char *module, kx_global_t *global)
     return called(std::string("kx_global_init ") + module) ? nullptr : global ? global : &s.global;
 }
 
-int32_t kx_global_run(kx_global_t *) { return called("kx_global_run"), run(), 0; }
+int32_t kx_global_run(kx_global_t *)
+{
+    called("kx_global_run");
+    run();
+    return 0;
+}
 void kx_global_finish(kx_global_t *) { called("kx_global_finish"); }
 int32_t kx_initframe_duplicate_check(void)
 {
@@ -269,7 +273,12 @@ int32_t reg_process_exit_action(int32_t action, int32_t reason)
         called("reg_process_exit_action " + std::to_string(action) + " " + std::to_string(reason)));
 }
 
-int32_t kx_monotime(kx_timestamp_t *ts) { return called("kx_monotime"), *ts = {12, 34}, 0; }
+int32_t kx_monotime(kx_timestamp_t *ts)
+{
+    called("kx_monotime");
+    *ts = {12, 34};
+    return 0;
+}
 std::string kx_root_path(std::string_view path) { return s.root + std::string(path); }
 
 int32_t kx_mom_client_connect_sync(kx_global_t *global, int32_t db)

@@ -64,8 +64,9 @@ void run();
 // The database goes down at once (its calls fail with KX_MOM_ENOTCONN, hgetall gives
 // nullptr, its notifications are lost) and its disconnect callback is queued.
 void disconnect(int32_t db);
-// Queued: the database comes up, its reconnect callback runs with `type`, then every
-// subscription of every database is confirmed again with cmd 29.
+// Queued: the database comes up and its reconnect callback runs with `type`; what that
+// subscribes again is confirmed as any subscription is. (What changed while it was away
+// reaches the routes through libkx's reconcile, which the double does not play.)
 void reconnect(int32_t db, int32_t type);
 
 // The `nth` call of that name from now on fails.

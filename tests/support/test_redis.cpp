@@ -63,6 +63,14 @@ std::string RedisServer::cli(int db, const std::vector<std::string> &args) const
     return out;
 }
 
+long RedisServer::calls(const std::string &command) const
+{
+    const std::string stats = cli(0, {"INFO", "commandstats"});
+    const std::string tag = "cmdstat_" + command + ":calls=";
+    const size_t at = stats.find(tag);
+    return at == std::string::npos ? 0 : std::stol(stats.substr(at + tag.size()));
+}
+
 std::vector<std::string> RedisServer::dump(int db) const
 {
     std::istringstream text(

@@ -54,6 +54,8 @@ public:
     std::string addr() const { return "unix:" + socket_; } // for KX_MOM_ADDR
     // redis-cli -s <socket> -n <db> args...; its standard output without the last newline.
     std::string cli(int db, const std::vector<std::string> &args) const;
+    // The calls of `command` (lower case) it served since its statistics were reset.
+    long calls(const std::string &command) const;
     // Every key of `db`, sorted, as "KEY field=value ..." (hash fields in the server's
     // order; a string as its one field "value"; a key of another type alone).
     std::vector<std::string> dump(int db) const;
