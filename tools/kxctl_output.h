@@ -1,4 +1,4 @@
-// kxctl's output: one line per record, plain or JSON. Plain form:
+// kxctl's output: its usage, and one line per record, plain or JSON. Plain form:
 //     [EVENT] KEY field=value ... [entries=N]
 // A key or value is written bare when it is non-empty printable ASCII without blanks,
 // '"' or backslash; otherwise in double quotes with \" \\ \n \r \t and \xNN escapes.
@@ -15,6 +15,9 @@
 #include <vector>
 
 namespace kxctl {
+
+// What kxctl --help prints, ending with the database of every table.
+std::string usage();
 
 enum class Style { plain, json };
 

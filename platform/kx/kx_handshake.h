@@ -1,6 +1,4 @@
-// The connect handshake of a database (kx_handshake.cpp), and what talking to a Redis
-// server with hiredis takes: owners of its contexts and replies, commands as argument
-// lists.
+// The connect handshake of a database (kx_handshake.cpp).
 #ifndef KX_HANDSHAKE_H
 #define KX_HANDSHAKE_H
 
@@ -15,31 +13,9 @@
 #include <hiredis/hiredis.h>
 
 #include "kx_endpoint.h"
-#include "kx_free.h"
+#include "kx_resp.h"
 
 namespace kx {
-
-using Reply = std::unique_ptr<redisReply, FreeWith<freeReplyObject>>;
-using Context = std::unique_ptr<redisContext, FreeWith<redisFree>>;
-
-using Command = std::vector<std::string_view>;
-
-// How long a synchronous command may wait for its reply.
-constexpr timeval kCommandTimeout{2, 0};
-
-// Appends `cmd` (or `cmds`, pipelined) to the output buffer of `c`; REDIS_OK or REDIS_ERR.
-int append_command(redisContext *c, const Command &cmd);
-int append_commands(redisContext *c, std::span<const Command> cmds);
-// A reply as one printable line, for messages.
-std::string reply_text(const redisReply *r);
-// Why an I/O call on `c` failed; a blocking read or write that timed out says so.
-std::string io_failure(const redisContext *c);
-// "__keyspace@<db>__:", what every channel of `db` starts with.
-std::string keyspace_prefix(int32_t db);
-// The keyspace notification flags libkx needs of a server: keyspace events (K) for
-// generic commands (g: del, rename, expire), hashes (h), strings ($), expiry (x) and
-// eviction (e).
-inline constexpr std::string_view kNeededNotify = "Kgh$xe";
 
 // Opening a database's two connections and checking its server, step by step. Both
 // connections stay non-blocking until it is done.
