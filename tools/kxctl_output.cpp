@@ -1,10 +1,10 @@
-// kxctl's output lines (the forms are described in kxctl_output.h).
+// kxctl's usage and output lines (the forms are described in kxctl_output.h).
 #include "kxctl_output.h"
-
-#include "kx_mom.h"
 
 #include <algorithm>
 #include <cstdio>
+
+#include "kx_mom.h"
 
 namespace kxctl {
 
