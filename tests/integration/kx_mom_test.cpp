@@ -304,6 +304,25 @@ TEST_F(KxMom, ConnectRefusalsSayWhyAndSubscribeRefusalsAreLogged)
               "arguments\n");
 }
 
+// Connections lost again and again right after each reconnect are retried ever later
+// (100, 200, 400 ms...); one that held 5 s is retried from 100 ms again.
+TEST_F(KxMom, RetriesSlowDownWhileConnectionsFailAndStartAfreshOnceOneHeld)
+{
+    using Clock = std::chrono::steady_clock;
+    ASSERT_EQ(kx_mom_client_set_reconnect_cb(g, 3, note_up, 0), 0);
+    auto away_for = [&] { // from the connections killed to their reconnect
+        seen.clear();
+        const auto killed = Clock::now();
+        cli(3, {"CLIENT", "KILL", "TYPE", "normal"});
+        EXPECT_TRUE(run_until(g, [&] { return !seen[3].empty(); }));
+        return Clock::now() - killed;
+    };
+    away_for(), away_for();
+    EXPECT_GT(away_for(), 350ms); // the third in a row waited 400 ms
+    std::this_thread::sleep_for(5s);
+    EXPECT_LT(away_for(), 350ms); // 100 ms, not 800
+}
+
 // db 3's server stopped: the call that finds it waits the command timeout, then db 3 is
 // down and its calls fail at once. The loop runs on through libkx's reconnect attempts
 // (a 50 ms tick reading db 28 is never held for a second); then db 3 is back, same run.
