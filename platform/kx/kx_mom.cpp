@@ -117,8 +117,7 @@ int32_t read_step(Database &d, ScanWork &w)
         const std::string &key = batch[i];
         if (w.deleted.count(key))
             continue;
-        if (!missing(read.at(i)))
-            w.sum += digest(read.at(i));
+        w.sum += keyed_digest(key, read.at(i));
         if (w.visit) {
             w.visit(d, w, key, read.at(i));
             continue;
@@ -154,15 +153,11 @@ int32_t start_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key,
         return KX_MOM_EINVAL;
     if (!up_database(global, db, &code))
         return code;
-    w->global = global;
-    w->db = db;
-    w->table = key->descriptor;
+    std::string selection;
+    const bool table = selects_glob(key, &selection);
+    *w = ScanWork(global, db, key->descriptor, std::move(selection), table);
     w->cb = cb;
     w->privdata = privdata;
-    if (!selects_glob(key, &w->glob)) {
-        w->pending.push_back(w->glob);
-        w->listed = true;
-    }
     return 0;
 }
 
@@ -176,8 +171,11 @@ void on_async_turn(evutil_socket_t, short, void *arg)
         evtimer_add(scan->turn.get(), &now);
         return;
     }
-    if (rc < 0)
+    if (rc < 0) {
         KX_LOG(WARN, "db %d: scan of %s ended early: %d", w.db, printable(w.glob).c_str(), rc);
+        if (scan->catching_up)
+            scan->catching_up->announce = true;
+    }
     deliver(w.global, w.cb, w.privdata, w.db, w.table, 0, nullptr, w.glob.c_str(), 1);
     auto &scans = w.global->mom->async_scans;
     scans.remove_if([scan](const auto &s) { return s.get() == scan; });
@@ -221,9 +219,8 @@ int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage
     int32_t rc = kx::start_scan(global, db, key, cb, privdata, &w);
     while (rc == 0 && (rc = kx::scan_step(w)) == 1)
         rc = 0;
-    std::string selection;
     if (rc == 0)
-        kx::note_input(global, {db, w.glob, kx::selects_glob(key, &selection), w.sum});
+        kx::note_input(global, {db, w.glob, w.whole_table, w.sum});
     return kx::note_unreachable(global, db, rc);
 }
 
@@ -234,6 +231,8 @@ int32_t kx_mom_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key
     int32_t rc = kx::start_scan(global, db, key, cb, privdata, &scan->work);
     if (rc != 0)
         return kx::note_unreachable(global, db, rc);
+    if (const kx::Delivery *delivery = global->mom->delivering)
+        scan->catching_up = delivery->route;
     scan->turn.reset(evtimer_new(global->base, kx::on_async_turn, scan.get()));
     timeval now{0, 0};
     if (!scan->turn || evtimer_add(scan->turn.get(), &now) != 0)
@@ -253,10 +252,12 @@ void *kx_mom_get_sync(kx_global_t *global, int32_t db, const ProtobufCMessage *k
     }
     std::string k = kx::record_key(key);
     kx::Reads read;
-    code = kx::note_unreachable(global, db, read.run(*d, key->descriptor, {&k, 1}));
-    if (code != 0)
+    code = read.run(*d, key->descriptor, {&k, 1});
+    if (code != 0) {
+        kx::note_unreachable(global, db, code);
         return nullptr;
-    kx::note_input(global, {db, k, false, kx::missing(read.at(0)) ? 0 : kx::digest(read.at(0))});
+    }
+    kx::note_input(global, {db, k, false, kx::keyed_digest(k, read.at(0))});
     // A missing record is no object and no error: the caller's "no record" path.
     if (kx::stored_whole(key->descriptor))
         return kx::whole_from_reply(db, k, key->descriptor, read.at(0), &code);
@@ -277,7 +278,7 @@ kx_mom_hash_res *kx_mom_hgetall_sync(kx_global_t *global, int32_t db, const Prot
         code = read.run(*d, key->descriptor, {&k, 1});
     if (kx::note_unreachable(global, db, code) != 0)
         return nullptr;
-    kx::note_input(global, {db, k, false, kx::missing(read.at(0)) ? 0 : kx::digest(read.at(0))});
+    kx::note_input(global, {db, k, false, kx::keyed_digest(k, read.at(0))});
     return kx::hash_from_reply(db, k, key->descriptor, read.at(0));
 }
 

@@ -77,7 +77,8 @@ bool install(Database &d, Handshake &h)
     d.cmd_watch = std::move(cmd_watch);
     d.sub_read = std::move(sub_read);
     d.sub_write = std::move(sub_write);
-    d.run_id = h.run_id;
+    if (d.link == Link::never)
+        d.run_id = h.run_id;
     d.link = Link::up;
     d.up_since = Clock::now();
     d.retry_failure.clear();
@@ -99,9 +100,50 @@ void retry_later(Database &d)
     arm(d.timer, std::chrono::milliseconds(d.retry_ms));
 }
 
-void reconnected(Database &d, const std::string &previous_run_id)
+// `run_id` is the server's run now; the database's is the run its reconnect callback was
+// last told of, so that a restart is reported even when a first attempt at reporting it
+// was cut by another lost connection.
+// The databases on the same server as `d` (its card's db 1 and db 3 share one) that are
+// down now.
+std::vector<Database *> siblings_down(const Database &d)
 {
-    int32_t type = d.run_id == previous_run_id ? KX_MOM_RECONNECT_SAME : KX_MOM_RECONNECT_RESTARTED;
+    std::vector<Database *> down;
+    for (const auto &[db, other] : d.global->mom->dbs)
+        if (other.get() != &d && other->link == Link::down && other->endpoint.text == d.endpoint.text)
+            down.push_back(other.get());
+    return down;
+}
+
+// The databases on the server of `d` that waited for its attempt follow their routes again.
+void release_waiting(const Database &d)
+{
+    for (const auto &[db, other] : d.global->mom->dbs)
+        if (other->endpoint.text == d.endpoint.text && other->link == Link::up &&
+            std::exchange(other->restore_due, false))
+            restore_routes(*other);
+}
+
+// `d` is back. Its routes are followed again once every database on its server has had
+// its attempt: a delivery of one of them often reads another (the identity record's
+// publication reads the card's entries), and would find it still away and be given
+// again, writing twice what it writes.
+void restore_when_siblings_tried(Database &d)
+{
+    std::vector<Database *> down = siblings_down(d);
+    if (!down.empty()) {
+        d.restore_due = true;
+        for (Database *sibling : down)
+            if (!sibling->dial && !sibling->disconnect_pending)
+                arm(sibling->timer, std::chrono::milliseconds(0)); // now, not after its backoff
+        return;
+    }
+    restore_routes(d);
+    release_waiting(d);
+}
+
+void reconnected(Database &d, const std::string &run_id)
+{
+    int32_t type = d.run_id == run_id ? KX_MOM_RECONNECT_SAME : KX_MOM_RECONNECT_RESTARTED;
     KX_LOG(NOTICE, "db %d: reconnected to %s (%s)", d.db, endpoint_text(d.endpoint).c_str(),
            type == KX_MOM_RECONNECT_SAME ? "same server run" : "the server restarted");
     // The writes kept while it was away go first: they are older than anything a
@@ -109,10 +151,11 @@ void reconnected(Database &d, const std::string &previous_run_id)
     uint64_t epoch = d.epoch;
     if (!make_kept_writes(d))
         return;
+    d.run_id = run_id;
     if (d.on_reconnect)
         d.on_reconnect(d.global, d.db, type);
     if (d.epoch == epoch)
-        restore_routes(d);
+        restore_when_siblings_tried(d);
 }
 
 // A reconnect step has run: wait for its socket, or finish.
@@ -156,10 +199,8 @@ void dial_on(Database &d, Wait w)
         done->code = KX_MOM_ENOMEM;
         done->why = endpoint_text(done->settings.endpoint) + ": cannot watch the connection";
     }
-    std::string previous_run_id = d.run_id;
     if (done->code == 0 && install(d, *done)) {
-        done.reset();
-        reconnected(d, previous_run_id);
+        reconnected(d, done->run_id);
         return;
     }
     // A server that stays away for the same reason is reported once.
@@ -167,6 +208,7 @@ void dial_on(Database &d, Wait w)
         KX_LOG(WARN, "db %d: reconnect failed: %s", d.db, done->why.c_str());
     d.retry_failure = done->why;
     retry_later(d);
+    release_waiting(d);
 }
 
 void start_dial(Database &d)
@@ -240,6 +282,7 @@ void mark_down(Database &d, const char *why)
         return;
     KX_LOG(WARN, "db %d: connection to %s lost: %s", d.db, endpoint_text(d.endpoint).c_str(), why);
     d.link = Link::down;
+    d.restore_due = false;
     ++d.epoch;
     d.cmd_watch.reset();
     d.sub_read.reset();
@@ -253,12 +296,16 @@ void mark_down(Database &d, const char *why)
     for (Route *r : d.unconfirmed)
         r->pending = false;
     d.unconfirmed.clear();
+    // A coming back of this database that was under way is over; its routes that another
+    // database's coming back was checking are not to be settled.
     d.restoring = 0;
-    for (const auto &r : d.routes) {
-        r->restorer = nullptr;
+    for (const auto &[db, other] : d.global->mom->dbs)
+        for (const auto &r : other->routes)
+            if (r->restorer == &d || (other.get() == &d && r->restorer))
+                restored(*r, false);
+    for (const auto &r : d.routes)
         if (r->followed == Followed::live)
             r->followed = Followed::lost;
-    }
     d.disconnect_pending = true;
     arm(d.timer, std::chrono::milliseconds(0));
 }

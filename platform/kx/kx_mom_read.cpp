@@ -9,7 +9,10 @@
 // the server holds it in (MEMORY USAGE), which is at least half its text: a listpack
 // keeps a number of up to 20 digits in as few as 10 bytes, everything else takes at least
 // its own size. So a hash whose probe is within half the bound is read plainly, and any
-// other through the script, which checks the exact size.
+// other through the script, which checks the exact size. A record another client makes
+// larger between the probe and the read (one round trip) is transferred all the same;
+// the decode then refuses it by its exact size, and the next read finds it beyond the
+// bound before it crosses.
 #include <xxhash.h>
 
 #include "kx_codec.h"
@@ -145,6 +148,11 @@ uint64_t digest(const redisReply *r)
         }
     }
     return sum == kUnsure ? kUnsure + 1 : sum;
+}
+
+uint64_t keyed_digest(const std::string &key, const redisReply *r)
+{
+    return missing(r) ? 0 : XXH3_64bits_withSeed(key.data(), key.size(), digest(r));
 }
 
 int32_t server_refused(int32_t db, const std::string &key, const redisReply *r)

@@ -34,7 +34,16 @@ struct Survey {
     Route &route;
     bool deliver;                          // false: note what is there, deliver nothing
     std::unordered_set<std::string> found; // the keys of the records present
+    // What the inputs of its records hold now, each read once however many records read it.
+    std::map<std::pair<int32_t, std::string>, std::optional<uint64_t>> inputs_now;
 };
+
+// A change or deletion the reconcile delivers, counted for the line saying what the
+// database's coming back cost.
+void count_change(Database &d, const Route &route)
+{
+    ++(route.restorer ? route.restorer : &d)->changes;
+}
 
 // Reading only: read_step adds each record's digest to the scan's sum.
 void just_read(Database &, ScanWork &, const std::string &, const redisReply *) {}
@@ -42,15 +51,7 @@ void just_read(Database &, ScanWork &, const std::string &, const redisReply *) 
 // What `input` holds now, as its digests added; nullopt when it cannot be read.
 std::optional<uint64_t> sum_now(kx_global *global, const Input &input)
 {
-    ScanWork w;
-    w.global = global;
-    w.db = input.db;
-    w.table = table_of_key(input.selection);
-    w.glob = input.selection;
-    if (!input.glob) {
-        w.pending.push_back(input.selection);
-        w.listed = true;
-    }
+    ScanWork w(global, input.db, table_of_key(input.selection), input.selection, input.glob);
     w.visit = just_read;
     int32_t rc;
     while ((rc = scan_step(w)) == 1)
@@ -62,14 +63,17 @@ std::optional<uint64_t> sum_now(kx_global *global, const Input &input)
 
 // False when what the callback read for `noted` changed since. An input that cannot be
 // read now is checked when its database is back: the route is owed to it.
-bool inputs_hold(Database &d, Route &route, const Noted &noted)
+bool inputs_hold(Database &d, Survey &s, const Noted &noted)
 {
     for (const Input &input : noted.inputs) {
-        Delivery checking{&route};
-        Delivery *outer = std::exchange(d.global->mom->delivering, &checking);
-        std::optional<uint64_t> sum = sum_now(d.global, input);
-        d.global->mom->delivering = outer;
-        if (sum && *sum != input.sum)
+        auto [at, first] = s.inputs_now.try_emplace({input.db, input.selection});
+        if (first) {
+            Delivery checking{&s.route};
+            Delivery *outer = std::exchange(d.global->mom->delivering, &checking);
+            at->second = sum_now(d.global, input);
+            d.global->mom->delivering = outer;
+        }
+        if (at->second && *at->second != input.sum)
             return false;
     }
     return true;
@@ -91,12 +95,12 @@ void compare(Database &d, ScanWork &w, const std::string &key, const redisReply 
         return;
     }
     if (it != s.route.delivered.end() && it->second.digest == now &&
-        inputs_hold(d, s.route, it->second))
+        inputs_hold(d, s, it->second))
         return;
     Payload p = payload_from_reply(d.db, key, w.table, r, KX_MOM_CMD_HSET);
     if (p.cmd == 0)
         return;
-    ++(s.route.restorer ? s.route.restorer : &d)->changes;
+    count_change(d, s.route);
     deliver_to_route(d, s.route, p.cmd, p.data(), key, now);
 }
 
@@ -104,16 +108,8 @@ void compare(Database &d, ScanWork &w, const std::string &key, const redisReply 
 // delivered. 0 when done, else why not (the connection lost: the epoch tells).
 int32_t reconcile(Database &d, Route &route, bool deliver)
 {
-    ScanWork w;
-    w.global = d.global;
-    w.db = d.db;
-    w.table = route.table;
-    w.glob = route.key;
-    if (!route.pattern) {
-        w.pending.push_back(route.key);
-        w.listed = true;
-    }
-    Survey survey{route, deliver, {}};
+    ScanWork w(d.global, d.db, route.table, route.key, route.pattern);
+    Survey survey{route, deliver, {}, {}};
     w.visit = compare;
     w.visit_arg = &survey;
     int32_t rc;
@@ -132,7 +128,7 @@ int32_t reconcile(Database &d, Route &route, bool deliver)
             route.delivered.erase(key);
             continue;
         }
-        ++(route.restorer ? route.restorer : &d)->changes;
+        count_change(d, route);
         if (!deliver_to_route(d, route, KX_MOM_CMD_DEL, record.get(), key, std::nullopt))
             return KX_MOM_EIO;
     }
@@ -230,24 +226,29 @@ void settle(Database &d, Route &route)
     if (route.announce &&
         !deliver_to_route(d, route, KX_MOM_CMD_SUBSCRIBED, nullptr, route.key, std::nullopt))
         return;
-    // Read after the caller's catch-up: what changes meanwhile comes as notifications.
+    // Read after the caller's catch-up: what changes meanwhile comes as notifications. A
+    // read cut by a lost connection leaves the catch-up due again, from the start.
     if (route.followed == Followed::not_yet) {
         reconcile(d, route, false);
-        if (d.epoch != epoch)
+        if (d.epoch != epoch) {
+            route.announce = true;
             return;
+        }
         route.followed = Followed::live;
-        route.caught_up.clear();
     }
-    restored(route);
+    route.caught_up.clear();
+    restored(route, true);
 }
 
-void restored(Route &route)
+void restored(Route &route, bool settled)
 {
     Database *by = std::exchange(route.restorer, nullptr);
-    if (!by || by->restoring == 0 || --by->restoring > 0)
+    if (!by || by->restoring == 0)
         return;
-    KX_LOG(NOTICE, "db %d: %zu subscriptions followed again, %zu changes delivered", by->db,
-           by->routes.size(), by->changes);
+    by->settled += settled;
+    if (--by->restoring == 0)
+        KX_LOG(NOTICE, "db %d: %zu subscriptions followed again, %zu changes delivered", by->db,
+               by->settled, by->changes);
 }
 
 int32_t note_unreachable(kx_global *global, int32_t db, int32_t rc)
@@ -269,8 +270,15 @@ int32_t note_unreachable(kx_global *global, int32_t db, int32_t rc)
 
 void note_input(kx_global *global, Input input)
 {
-    if (Delivery *delivery = global && global->mom ? global->mom->delivering : nullptr)
-        delivery->inputs.push_back(std::move(input));
+    Delivery *delivery = global && global->mom ? global->mom->delivering : nullptr;
+    if (!delivery)
+        return;
+    // Read again (each subcard's publication reads every subcard's entries): the last read
+    // is what the delivery's outcome rests on.
+    std::erase_if(delivery->inputs, [&](const Input &in) {
+        return in.db == input.db && in.selection == input.selection;
+    });
+    delivery->inputs.push_back(std::move(input));
 }
 
 void keep_write(kx_global *global, int32_t db, const Write &w)
@@ -283,10 +291,8 @@ void keep_write(kx_global *global, int32_t db, const Write &w)
         in->whole = w.value;
         return;
     }
-    if (in->whole) { // a hash written over a whole value: what the server would refuse
-        *in = Intent{};
-        in->del = true;
-    }
+    if (in->whole) // a hash written over a whole value: what the server would refuse
+        *in = Intent{.del = true};
     for (const FieldText &f : w.fields) {
         auto same = std::ranges::find(in->fields, f.name, &std::pair<std::string, std::string>::first);
         if (same != in->fields.end())
@@ -299,7 +305,7 @@ void keep_write(kx_global *global, int32_t db, const Write &w)
 void keep_delete(kx_global *global, int32_t db, const std::string &key)
 {
     if (Intent *in = intent_for(global, db, key))
-        *in = Intent{true, std::nullopt, {}};
+        *in = Intent{.del = true};
 }
 
 bool make_kept_writes(Database &d)
@@ -327,6 +333,7 @@ bool make_kept_writes(Database &d)
 void restore_routes(Database &d)
 {
     d.changes = 0;
+    d.settled = 0;
     d.restoring = d.routes.size();
     for (const auto &route : d.routes) {
         route->restorer = &d;
@@ -340,8 +347,8 @@ void restore_routes(Database &d)
                 d.owed.push_back(route.get());
     for (Route *route : std::exchange(d.owed, {})) {
         Database &home = *database(d.global, route->db);
-        if (home.link != Link::up || route->restorer)
-            continue; // its own reconnect checks it, or it is being checked
+        if (home.link != Link::up || home.restore_due || route->restorer)
+            continue; // its own coming back checks it, or it is being checked
         route->followed = Followed::lost;
         route->restorer = &d;
         ++d.restoring;

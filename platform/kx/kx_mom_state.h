@@ -66,7 +66,7 @@ struct Noted {
 enum class Followed {
     not_yet, // never confirmed: what it covers is still to be read
     live,    // confirmed and followed since: every change came as a notification
-    lost,    // its connection was lost since, or a delivery of it was cut short
+    lost,    // its connection was lost since, or a delivery of it needed another database
 };
 
 // One callback following one record (SUBSCRIBE) or one table (PSUBSCRIBE).
@@ -99,9 +99,9 @@ struct Delivery {
 
 // A write kept while its database is away: the last one meant for its key.
 struct Intent {
-    bool del = false;                 // DEL first (a deletion, or fields written after one)
-    std::optional<std::string> whole; // SET key value
-    std::vector<std::pair<std::string, std::string>> fields; // HSET key name value...
+    bool del = false;                      // DEL first (a deletion, or fields written after one)
+    std::optional<std::string> whole = {}; // SET key value
+    std::vector<std::pair<std::string, std::string>> fields = {}; // HSET key name value...
 };
 
 // The keys a scan has taken, as 64-bit hashes: the server may give a key on two pages,
@@ -135,11 +135,22 @@ private:
 // kx_mom_del_sync on its database are noted so that a record already read is not
 // delivered after a callback deleted it.
 struct ScanWork {
+    // The work of reading `selection` (a table glob when `whole_table`, else one key).
+    ScanWork() = default;
+    ScanWork(kx_global *g, int32_t d, const ProtobufCMessageDescriptor *t,
+             std::string selection, bool table)
+        : global(g), db(d), table(t), glob(std::move(selection)), whole_table(table),
+          listed(!table)
+    {
+        if (!table)
+            pending.push_back(glob);
+    }
     kx_global *global = nullptr;
     int32_t db = 0;
     const ProtobufCMessageDescriptor *table = nullptr;
-    std::string glob;    // what the listing matches, or the one key
-    bool listed = false; // true once SCAN is back at cursor 0 (or one key is taken)
+    std::string glob;         // what the listing matches, or the one key
+    bool whole_table = false; // glob is a table's, listed with SCAN
+    bool listed = false;      // true once SCAN is back at cursor 0 (or one key is taken)
     std::string cursor = "0";
     size_t reach = 0;                // the COUNT of the next SCAN call (kx_mom.cpp)
     std::deque<std::string> pending; // keys taken, not yet read
@@ -170,9 +181,10 @@ struct Database {
     Event sub_write; // added while the subscriber connection has output queued
     Event timer;     // the disconnect callback, then connection retries
     bool disconnect_pending = false;
+    bool restore_due = false; // back, its routes waiting for the other databases of its server
     std::string retry_failure; // why the last reconnect failed: a repeat is not logged again
     int retry_ms = 0;          // the last wait before a connection attempt; 0: none yet
-    std::string run_id;
+    std::string run_id; // the server's run its reconnect callback was last told of
     kx_mom_disconnect_cb on_disconnect = nullptr;
     kx_mom_reconnect_cb on_reconnect = nullptr;
     std::vector<std::unique_ptr<Route>> routes; // never removed before release
@@ -187,13 +199,16 @@ struct Database {
     std::unordered_map<std::string, decltype(kept)::iterator> kept_at;
     std::vector<Route *> owed;
     size_t restoring = 0; // routes it made subscribe again, not yet settled
+    size_t settled = 0;   // of those, the ones followed again
     size_t changes = 0;   // what they delivered meanwhile
 };
 
-// kx_mom_scan: the same work, one step per loop turn.
+// kx_mom_scan: the same work, one step per loop turn. One started by a route's delivery
+// (a catch-up) that a lost connection ends early has that route's cmd 29 due again.
 struct AsyncScan {
     ScanWork work;
     Event turn;
+    Route *catching_up = nullptr;
 };
 
 } // namespace kx
@@ -256,11 +271,15 @@ private:
 
 // True when a read found no record.
 bool missing(const redisReply *r);
+// The digest of the record `key` read as `r`, as it goes into an input's sum: the key
+// counts, so that two records trading values change the sum.
+uint64_t keyed_digest(const std::string &key, const redisReply *r);
 // What a read gave for a record, as 64 bits: the same value always gives the same
 // digest, whatever the order of its hash fields. Never kUnsure.
 uint64_t digest(const redisReply *r);
 // The digest of a record whose last delivery did not go through, or whose notification
-// came but could not be read: whatever the store holds is delivered again.
+// came but was lost with the connection before it was read: whatever the store holds
+// is delivered again.
 constexpr uint64_t kUnsure = 0;
 
 // A record read now, as delivered: the decoded record with KX_MOM_CMD_SET for
@@ -316,9 +335,9 @@ bool make_kept_writes(Database &d);
 // `d` is back, its reconnect callback has run: its own routes are subscribed again
 // (each settles when confirmed), and the routes that owed it a delivery are reconciled.
 void restore_routes(Database &d);
-// A route subscribed again is settled (or refused): the last one of a database's coming
-// back says what it cost.
-void restored(Route &route);
+// A route subscribed again is settled, or not to be (refused, its own connection lost):
+// the last one of a database's coming back says what it cost.
+void restored(Route &route, bool settled);
 
 } // namespace kx
 

@@ -10,7 +10,7 @@
 //
 // A route is never lost: one asked for while the database is down, or whose
 // confirmation a lost connection took away, is sent when the database is back. One
-// already pending is not sent again, so a caller gets one confirmation per request.
+// already pending is not sent again: requests made meanwhile share its confirmation.
 // What a route delivers is noted (kx_mom_recover.cpp), so that after a lost connection
 // it is given what changed meanwhile, and nothing else.
 #include <algorithm>
@@ -142,7 +142,7 @@ void refused(Database &d, const redisReply *r)
     route->pending = false;
     KX_LOG(ERROR, "db %d: %s %s refused: %.*s", d.db, route->pattern ? "PSUBSCRIBE" : "SUBSCRIBE",
            route->channel.c_str(), static_cast<int>(r->len), r->str);
-    restored(*route);
+    restored(*route, false);
 }
 
 // One reply of the subscriber connection: a confirmation, a refusal or a notification.
