@@ -100,9 +100,6 @@ void retry_later(Database &d)
     arm(d.timer, std::chrono::milliseconds(d.retry_ms));
 }
 
-// `run_id` is the server's run now; the database's is the run its reconnect callback was
-// last told of, so that a restart is reported even when a first attempt at reporting it
-// was cut by another lost connection.
 // The databases on the same server as `d` (its card's db 1 and db 3 share one) that are
 // down now.
 std::vector<Database *> siblings_down(const Database &d)
@@ -141,6 +138,9 @@ void restore_when_siblings_tried(Database &d)
     release_waiting(d);
 }
 
+// `run_id` is the server's run now; the database's is the run its reconnect callback was
+// last told of, so that a restart is reported even when a first attempt at reporting it
+// was cut by another lost connection.
 void reconnected(Database &d, const std::string &run_id)
 {
     int32_t type = d.run_id == run_id ? KX_MOM_RECONNECT_SAME : KX_MOM_RECONNECT_RESTARTED;
