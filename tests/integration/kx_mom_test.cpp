@@ -37,8 +37,7 @@ int32_t recorder(kx_global_t *, kx_mom_msg *m, void *out)
 bool run_until(kx_global_t *g, const std::function<bool()> &done,
                std::chrono::milliseconds timeout = 10s)
 {
-    return testsupport::wait_for([&] { return kx_global_poll(g), done(); },
-                                 timeout);
+    return testsupport::wait_for([&] { return kx_global_poll(g), done(); }, timeout);
 }
 
 class KxMom : public ::testing::Test {
@@ -150,7 +149,6 @@ int32_t note_up(kx_global_t *, int32_t db, int32_t type)
     return 0;
 }
 
-
 // While a database is out of reach another writer changes its records and this process
 // fails to write; once it is back its routes get what changed, each once, and nothing
 // else (the other database's route nothing at all), and the failed writes are made: the
@@ -169,9 +167,9 @@ TEST_F(KxMom, ALostConnectionDeliversWhatChangedAndMakesTheFailedWrites)
     auto down = [](kx_global_t *, int32_t db) { return seen[db].push_back("down"), 0; };
     auto up = [](kx_global_t *g, int32_t db, int32_t type) {
         note_up(g, db, type);
-        return db == 28 ? kx_mom_subscribe(g, db, record(followed.at(db)).get(), 0, recorder,
-                                           &seen[db])
-                        : 0;
+        return db == 28
+                   ? kx_mom_subscribe(g, db, record(followed.at(db)).get(), 0, recorder, &seen[db])
+                   : 0;
     };
     const std::string dep = "s_frame.cap_dep|", notice = "s_frame.cap_del_fe_ready|";
     for (const char *m : {"same", "old", "gone"})
@@ -206,9 +204,13 @@ TEST_F(KxMom, ALostConnectionDeliversWhatChangedAndMakesTheFailedWrites)
     const Case cases[] = {
         {3, {}, [] {}, {}, 0, 0},
         {3,
-         {{"HSET", dep + "new", "ready", "1"}, {"HSET", dep + "old", "ready", "0"},
-          {"DEL", dep + "gone"}, {"HSET", dep + "same", "ready", "1"}},
-         [&] { EXPECT_EQ(kx_mom_subscribe(g, 3, record(dep + "a").get(), 0, recorder, &seen[3]), 0); },
+         {{"HSET", dep + "new", "ready", "1"},
+          {"HSET", dep + "old", "ready", "0"},
+          {"DEL", dep + "gone"},
+          {"HSET", dep + "same", "ready", "1"}},
+         [&] {
+             EXPECT_EQ(kx_mom_subscribe(g, 3, record(dep + "a").get(), 0, recorder, &seen[3]), 0);
+         },
          {"3:29 " + dep + "a", "3:3 " + dep + "gone ready=false", "3:4 0 " + dep + "new ready=true",
           "3:4 0 " + dep + "old ready=false"},
          0,
@@ -220,6 +222,11 @@ TEST_F(KxMom, ALostConnectionDeliversWhatChangedAndMakesTheFailedWrites)
              EXPECT_EQ(write(sub8), KX_MOM_ENOTCONN);
              EXPECT_EQ(erase(sub7), KX_MOM_ENOTCONN);
              EXPECT_EQ(write(sub7), KX_MOM_ENOTCONN);
+             const int32_t ready_whole[] = {5};
+             EXPECT_EQ(kx_mom_hmset_sync(g, 28,
+                                         record("p_libpub.cap_state", {{"ready", "true"}}).get(),
+                                         ready_whole, 1),
+                       KX_MOM_ENOTCONN);
          },
          {"28:29 " + notice + "*", "28:4 0 " + notice + "2|2 ready=true"},
          2,
@@ -242,9 +249,8 @@ TEST_F(KxMom, ALostConnectionDeliversWhatChangedAndMakesTheFailedWrites)
         EXPECT_EQ(server.calls("del"), c.del);
         const std::string tick = std::to_string(ticks.size());
         cli(c.db, {"HSET", clock.at(c.db), "ready", "1", "devid", tick});
-        ASSERT_TRUE(run_until(g, [&] {
-            return !ticks.empty() && ticks.back().ends_with("devid=" + tick);
-        }));
+        ASSERT_TRUE(run_until(
+            g, [&] { return !ticks.empty() && ticks.back().ends_with("devid=" + tick); }));
         EXPECT_EQ(seen[c.db].front(), "up 2");
         Lines got(seen[c.db].begin() + 1, seen[c.db].end());
         std::ranges::sort(got);
@@ -252,7 +258,8 @@ TEST_F(KxMom, ALostConnectionDeliversWhatChangedAndMakesTheFailedWrites)
         EXPECT_TRUE(seen[c.db == 3 ? 28 : 3].empty());
     }
     EXPECT_EQ(global.dump(28),
-              (Lines{notice + "2|2 ready=1", clock.at(28) + " ready=1 devid=" + std::to_string(ticks.size() - 1),
+              (Lines{"p_libpub.cap_state value=\x28\x01", notice + "2|2 ready=1",
+                     clock.at(28) + " ready=1 devid=" + std::to_string(ticks.size() - 1),
                      sub7 + " ready=false", sub8 + " ready=false"}));
 }
 
@@ -264,8 +271,8 @@ TEST_F(KxMom, ALostConnectionDeliversWhatChangedAndMakesTheFailedWrites)
 TEST_F(KxMom, ConnectRefusalsSayWhyAndSubscribeRefusalsAreLogged)
 {
     testsupport::RedisServer small({16, "KEA"});
-    cli(28, {"ACL", "SETUSER", "card", "on", ">s3cret", "~*", "+@all", "-@admin",
-             "&__keyspace@2__:*"});
+    cli(28,
+        {"ACL", "SETUSER", "card", "on", ">s3cret", "~*", "+@all", "-@admin", "&__keyspace@2__:*"});
     const std::string at = global.addr() + ": ";
     const std::tuple<std::string, int32_t, const char *, const char *, int32_t, std::string>
         cases[] = {
