@@ -47,8 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static const bool registered = register_commands(); // after libkx's own statics exist
     if (!registered)
         abort();
-    const std::string reply =
-        ssat_answer("fuzz", {reinterpret_cast<const char *>(data), size});
+    const std::string reply = ssat_answer("fuzz", {reinterpret_cast<const char *>(data), size});
     if (!well_formed(reply))
         abort();
     return 0;

@@ -510,8 +510,8 @@ int run_table_command(Request &req, std::span<const std::string> words)
     bool one_record = req.command != "scan" && req.command != "watch";
     for (const Field &f : fields_of(index_table(req.table)))
         if (one_record && std::ranges::count(req.index_given, &f) == 0)
-            return refuse(exit_usage,
-                        std::string("missing index field ") + f.name + " (" + type_name(&f) + ")");
+            return refuse(exit_usage, std::string("missing index field ") + f.name + " (" +
+                                          type_name(&f) + ")");
     if (req.command == "set" && req.value_tags.empty())
         return refuse(exit_usage, "set needs at least one field=value");
 

@@ -121,7 +121,7 @@ void vek_cap_log_emit(std::string_view unit, std::string_view func, long line, i
 #define VEK_CAP_REFUSE_NULL_WITH(log, ptr)                                                         \
     do {                                                                                           \
         if (!(ptr)) {                                                                              \
-            log(#ptr " NULL pointer, addr error!\n");                                               \
+            log(#ptr " NULL pointer, addr error!\n");                                              \
             return -4;                                                                             \
         }                                                                                          \
     } while (0)

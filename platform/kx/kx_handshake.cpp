@@ -69,8 +69,9 @@ void ask_next_sentinel(Handshake &h)
     const std::vector<Endpoint> &sentinels = h.settings.endpoint.sentinels;
     while (h.next_sentinel < sentinels.size()) {
         Context c(connect_without_waiting(sentinels[h.next_sentinel++]));
-        if (!c || (!c->err && append_command(c.get(), {"SENTINEL", "get-master-addr-by-name",
-                                                       h.settings.endpoint.primary_of}) != REDIS_OK)) {
+        if (!c ||
+            (!c->err && append_command(c.get(), {"SENTINEL", "get-master-addr-by-name",
+                                                 h.settings.endpoint.primary_of}) != REDIS_OK)) {
             halt(h, KX_MOM_ENOMEM, "out of memory");
             return;
         }
@@ -124,7 +125,8 @@ Wait ask_sentinel(Handshake &h)
         Reply answer(static_cast<redisReply *>(r));
         if (!take_primary(h, answer.get())) {
             sentinel_failed(h, answer->type == REDIS_REPLY_NIL
-                                   ? "no primary named '" + printable(h.settings.endpoint.primary_of) + "'"
+                                   ? "no primary named '" +
+                                         printable(h.settings.endpoint.primary_of) + "'"
                                    : reply_text(answer.get()));
             continue;
         }
@@ -245,9 +247,9 @@ bool accept_select(int32_t db, Handshake &h, std::span<const Reply> r)
     const redisReply *reply = r[0].get();
     if (reply->type == REDIS_REPLY_STATUS && std::string_view(reply->str, reply->len) == "OK")
         return true;
-    const bool small = reply->type == REDIS_REPLY_ERROR &&
-                       std::string_view(reply->str, reply->len).find("out of range") !=
-                           std::string_view::npos;
+    const bool small =
+        reply->type == REDIS_REPLY_ERROR &&
+        std::string_view(reply->str, reply->len).find("out of range") != std::string_view::npos;
     return halt(h, KX_MOM_ECONFIG,
                 "SELECT " + std::to_string(db) + " refused: " + reply_text(reply) +
                     (small ? ": set `databases 32` in redis.conf" : ""));

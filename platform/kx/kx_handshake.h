@@ -32,8 +32,8 @@ struct Handshake {
     bool sent = false;   // its commands are queued
     size_t expected = 0; // replies it waits for
     std::vector<Reply> replies;
-    bool answered = false; // the server has replied to something
-    std::string notify;    // notify-keyspace-events as the server has it
+    bool answered = false;       // the server has replied to something
+    std::string notify;          // notify-keyspace-events as the server has it
     bool notify_unknown = false; // the user may not read it (CONFIG GET refused)
     std::string run_id;
     int32_t code = 0; // why it failed: the code and a line

@@ -57,7 +57,6 @@ private:
     int fd_;
 };
 
-
 // Opens every log file output again by its path: after logrotate moved the file,
 // records go to a new one (SIGHUP).
 void zlog_reopen();

@@ -106,7 +106,8 @@ std::vector<Database *> siblings_down(const Database &d)
 {
     std::vector<Database *> down;
     for (const auto &[db, other] : d.global->mom->dbs)
-        if (other.get() != &d && other->link == Link::down && other->endpoint.text == d.endpoint.text)
+        if (other.get() != &d && other->link == Link::down &&
+            other->endpoint.text == d.endpoint.text)
             down.push_back(other.get());
     return down;
 }

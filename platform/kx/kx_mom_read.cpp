@@ -100,7 +100,8 @@ int32_t Reads::run(Database &d, const ProtobufCMessageDescriptor *table,
     const bool whole = stored_whole(table);
     std::vector<Command> cmds;
     for (const std::string &key : keys)
-        cmds.push_back(whole ? Command{"STRLEN", key} : Command{"MEMORY", "USAGE", key, "SAMPLES", "0"});
+        cmds.push_back(whole ? Command{"STRLEN", key}
+                             : Command{"MEMORY", "USAGE", key, "SAMPLES", "0"});
     if (int32_t rc = run_commands(d, cmds, &probes_); rc != 0)
         return rc;
     cmds.clear();

@@ -94,8 +94,7 @@ void compare(Database &d, ScanWork &w, const std::string &key, const redisReply 
         s.route.delivered[key] = {now, s.route.caught_up};
         return;
     }
-    if (it != s.route.delivered.end() && it->second.digest == now &&
-        inputs_hold(d, s, it->second))
+    if (it != s.route.delivered.end() && it->second.digest == now && inputs_hold(d, s, it->second))
         return;
     Payload p = payload_from_reply(d.db, key, w.table, r, KX_MOM_CMD_HSET);
     if (p.cmd == 0)
@@ -196,9 +195,8 @@ bool deliver_to_route(Database &d, Route &route, int32_t cmd, void *data, const 
     mom.delivering = outer;
     const bool held = d.epoch == epoch;
     // What it read of its own coverage is what its digests are about.
-    std::erase_if(delivery.inputs, [&](const Input &in) {
-        return in.db == route.db && in.selection == route.key;
-    });
+    std::erase_if(delivery.inputs,
+                  [&](const Input &in) { return in.db == route.db && in.selection == route.key; });
     if (cmd == KX_MOM_CMD_SUBSCRIBED && held && !delivery.owed)
         route.caught_up = std::move(delivery.inputs);
     if (cmd == KX_MOM_CMD_SUBSCRIBED)
@@ -294,7 +292,8 @@ void keep_write(kx_global *global, int32_t db, const Write &w)
     if (in->whole) // a hash written over a whole value: what the server would refuse
         *in = Intent{.del = true};
     for (const FieldText &f : w.fields) {
-        auto same = std::ranges::find(in->fields, f.name, &std::pair<std::string, std::string>::first);
+        auto same =
+            std::ranges::find(in->fields, f.name, &std::pair<std::string, std::string>::first);
         if (same != in->fields.end())
             same->second = f.text;
         else

@@ -137,10 +137,9 @@ private:
 struct ScanWork {
     // The work of reading `selection` (a table glob when `whole_table`, else one key).
     ScanWork() = default;
-    ScanWork(kx_global *g, int32_t d, const ProtobufCMessageDescriptor *t,
-             std::string selection, bool table)
-        : global(g), db(d), table(t), glob(std::move(selection)), whole_table(table),
-          listed(!table)
+    ScanWork(kx_global *g, int32_t d, const ProtobufCMessageDescriptor *t, std::string selection,
+             bool table)
+        : global(g), db(d), table(t), glob(std::move(selection)), whole_table(table), listed(!table)
     {
         if (!table)
             pending.push_back(glob);
@@ -181,10 +180,10 @@ struct Database {
     Event sub_write; // added while the subscriber connection has output queued
     Event timer;     // the disconnect callback, then connection retries
     bool disconnect_pending = false;
-    bool restore_due = false; // back, its routes waiting for the other databases of its server
+    bool restore_due = false;  // back, its routes waiting for the other databases of its server
     std::string retry_failure; // why the last reconnect failed: a repeat is not logged again
     int retry_ms = 0;          // the last wait before a connection attempt; 0: none yet
-    std::string run_id; // the server's run its reconnect callback was last told of
+    std::string run_id;        // the server's run its reconnect callback was last told of
     kx_mom_disconnect_cb on_disconnect = nullptr;
     kx_mom_reconnect_cb on_reconnect = nullptr;
     std::vector<std::unique_ptr<Route>> routes; // never removed before release

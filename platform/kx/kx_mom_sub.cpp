@@ -234,14 +234,13 @@ int32_t kx_mom_subscribe(kx_global_t *global, int32_t db, const ProtobufCMessage
     };
     auto it = std::find_if(d->routes.begin(), d->routes.end(), same);
     if (it == d->routes.end()) {
-        d->routes.push_back(std::make_unique<kx::Route>(
-            kx::Route{.db = db,
-                      .table = key->descriptor,
-                      .channel = channel,
-                      .pattern = pattern,
-                      .key = record,
-                      .cb = cb,
-                      .privdata = privdata}));
+        d->routes.push_back(std::make_unique<kx::Route>(kx::Route{.db = db,
+                                                                  .table = key->descriptor,
+                                                                  .channel = channel,
+                                                                  .pattern = pattern,
+                                                                  .key = record,
+                                                                  .cb = cb,
+                                                                  .privdata = privdata}));
         it = std::prev(d->routes.end());
     }
     (*it)->announce = true;

@@ -329,7 +329,8 @@ void kx::log_at(int level, const char *func, int line, const char *fmt, ...)
     vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
     if (libkx_sink) {
-        kxdf_zlog(libkx_sink, unit.data(), unit.size(), func, strlen(func), line, level, "%s", text);
+        kxdf_zlog(libkx_sink, unit.data(), unit.size(), func, strlen(func), line, level, "%s",
+                  text);
         return;
     }
     // A process without a log (a tool) says it on standard error, in one write.

@@ -68,19 +68,19 @@ TEST_F(Daemon, ANormalBootBeforeItsInputsWritesOnlyWhatItsLevelAsks)
         // The last catch-up, of the chassis record, follows the last subscription.
         ASSERT_TRUE(wait_for([&] {
             return redis_.cli(0, {"PUBSUB", "NUMSUB", "__keyspace@1__:p_dev.dp_lib_my_chss_info"})
-                       .ends_with("\n1");
+                .ends_with("\n1");
         }));
         ASSERT_TRUE(level[0] == '0' || wait_for([&] {
-            return log().find("CHSS INFO subscribe ok") != std::string::npos;
-        }));
+                        return log().find("CHSS INFO subscribe ok") != std::string::npos;
+                    }));
         std::this_thread::sleep_for(300ms);
         std::istringstream text(log());
         for (std::string line; std::getline(text, line);)
             EXPECT_TRUE(level[0] == '1' && std::regex_match(line, error)) << line;
         if (level[0] == '1') {
-            EXPECT_EQ(lines("main"), (Lines{"ERROR connect host success",
-                                            "ERROR connect tunner_db success",
-                                            "ERROR connect cap_db success"}));
+            EXPECT_EQ(lines("main"),
+                      (Lines{"ERROR connect host success", "ERROR connect tunner_db success",
+                             "ERROR connect cap_db success"}));
         }
         daemon_->signal(SIGTERM);
         ASSERT_EQ(daemon_->wait(), 0);

@@ -7,8 +7,8 @@
 //   publishes and rewrites itself on a notice, and may do nothing else.
 #include <algorithm>
 #include <functional>
-#include <sstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -33,8 +33,10 @@ struct Card {
     TempDir root;
     RedisServer local, global;
     std::unique_ptr<Process> daemon;
-    Env env = {{"KX_ROOT", root.path()}, {"KX_MOM_ADDR", local.addr()},
-               {"KX_MOM_ADDR_28", global.addr()}, {"KX_LOG", root / "vek_cap.log"}};
+    Env env = {{"KX_ROOT", root.path()},
+               {"KX_MOM_ADDR", local.addr()},
+               {"KX_MOM_ADDR_28", global.addr()},
+               {"KX_LOG", root / "vek_cap.log"}};
 
     std::string log() const { return read_file(root / "vek_cap.log"); }
     long logged(const std::string &text) const
@@ -122,8 +124,10 @@ TEST(Recovery, WhatChangedWhileAStoreWasAwayIsDoneOnceAndNothingElse)
         {"the chassis store lost, nothing changed", false, true, nothing, "", published(), 0, 0},
         {"both lost, nothing changed", true, true, nothing, "", published(), 0, 0},
         {"the identity changed while the card store was away", true, false,
-         [](Card &c) { c.local.cli(1, {"HSET", "p_dev.dp_lib_my_info", "slotid", "4"}); }, "",
-         replaced(published(), "s_frame.cap_fe_ready", {ready_record(4)}), publication, 0},
+         [](Card &c) {
+             c.local.cli(1, {"HSET", "p_dev.dp_lib_my_info", "slotid", "4"});
+         },
+         "", replaced(published(), "s_frame.cap_fe_ready", {ready_record(4)}), publication, 0},
         {"an entry changed, the ready record written again while the card store was away", true,
          false,
          [](Card &c) {
@@ -141,13 +145,19 @@ TEST(Recovery, WhatChangedWhileAStoreWasAwayIsDoneOnceAndNothingElse)
          },
          "", replaced(published(), sub20, twenty_one), 3, 3},
         {"a deletion notice written while the chassis store was away", false, true,
-         [](Card &c) { c.global.cli(28, {"HSET", "s_frame.cap_del_fe_ready|16|5", "ready", "1"}); },
+         [](Card &c) {
+             c.global.cli(28, {"HSET", "s_frame.cap_del_fe_ready|16|5", "ready", "1"});
+         },
          "", published(), publication, 1},
         {"the card published while the chassis store was away", false, true,
-         [](Card &c) { c.local.cli(3, {"SET", "p_libpub.cap_state", "\x28\x01"}); },
+         [](Card &c) {
+             c.local.cli(3, {"SET", "p_libpub.cap_state", "\x28\x01"});
+         },
          "ready=1 failed rv -1001", published(), publication, 0},
         {"a subcard gone while the chassis store was away", false, true,
-         [](Card &c) { c.local.cli(3, {"DEL", "p_libpub.cap_subcard_state|20|7"}); },
+         [](Card &c) {
+             c.local.cli(3, {"DEL", "p_libpub.cap_subcard_state|20|7"});
+         },
          "del scard_nodeid 0x14 state failed", replaced(published(), sub20, {}), 0, 4},
     };
     for (const Case &c : cases) {
@@ -220,8 +230,16 @@ TEST(Confinement, ACardsUserPublishesItAndMayDoNothingElse)
         {"DEL", "s_frame.cap_subcard_glb_table|160|/s/0"},
     };
     for (const Lines &command : refused) {
-        Lines argv = {"redis-cli", "-s", card.global.socket(), "--user", "card16", "--pass",
-                      password.substr(0, password.find('\n')), "--no-auth-warning", "-n", "28"};
+        Lines argv = {"redis-cli",
+                      "-s",
+                      card.global.socket(),
+                      "--user",
+                      "card16",
+                      "--pass",
+                      password.substr(0, password.find('\n')),
+                      "--no-auth-warning",
+                      "-n",
+                      "28"};
         argv.insert(argv.end(), command.begin(), command.end());
         EXPECT_TRUE(run(argv).out.starts_with("NOPERM")) << command[0] << " " << command.back();
     }

@@ -70,7 +70,7 @@ private:
     Options options_;
     TempDir dir_;
     std::string socket_;
-    std::string reach_; // where cli() finds the socket
+    std::string reach_;             // where cli() finds the socket
     std::unique_ptr<Process> proc_; // killed first, before its directory goes
 };
 

@@ -55,8 +55,7 @@ TEST(Endpoint, EachDatabasesOwnVariablesComeFirstAndABadValueSaysWhy)
          "sentinel:HOST:PORT[,HOST:PORT...]/NAME (a sentinel may be unix:/path)"},
         {{{"ADDR", "unix:/r.sock"}, {"USER_2", "card16"}},
          "-1007 " + sock + "KX_MOM_USER_2 is set without KX_MOM_PASSWORD_2"},
-        {{{"ADDR", "unix:/r.sock"}, {"USER", "card16"}, {"PASSWORD_2", "x"}},
-         "/r.sock:0 card16 x"},
+        {{{"ADDR", "unix:/r.sock"}, {"USER", "card16"}, {"PASSWORD_2", "x"}}, "/r.sock:0 card16 x"},
         {{{"ADDR", "unix:/r.sock"}, {"PASSWORD_2", "x"}, {"PASSWORD_FILE_2", good}},
          "-1007 " + sock + "KX_MOM_PASSWORD_2 and KX_MOM_PASSWORD_FILE_2 are both set"},
         {{{"ADDR", "unix:/r.sock"}, {"PASSWORD_FILE", none}},
@@ -65,8 +64,11 @@ TEST(Endpoint, EachDatabasesOwnVariablesComeFirstAndABadValueSaysWhy)
         {{{"ADDR", "unix:/r.sock"}, {"PASSWORD_FILE", empty}},
          "-1007 " + sock + "KX_MOM_PASSWORD_FILE '" + empty +
              "' holds no password on its first line"},
-        {{{"ADDR", "unix:/r.sock"}, {"USER", "nobody"}, {"PASSWORD", "n0t-it"},
-          {"USER_2", "card16"}, {"PASSWORD_FILE_2", good}},
+        {{{"ADDR", "unix:/r.sock"},
+          {"USER", "nobody"},
+          {"PASSWORD", "n0t-it"},
+          {"USER_2", "card16"},
+          {"PASSWORD_FILE_2", good}},
          "/r.sock:0 card16 p4ss"},
     };
     for (std::string bad : {"udp:127.0.0.1:6379", "tcp:127.0.0.1", "tcp::6379", "tcp:[]:6379",
