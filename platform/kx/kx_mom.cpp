@@ -143,6 +143,14 @@ int32_t scan_step(ScanWork &w)
     return !w.listed || !w.pending.empty() ? 1 : 0;
 }
 
+int32_t run_scan(ScanWork &w)
+{
+    int32_t rc;
+    while ((rc = scan_step(w)) == 1)
+        ;
+    return rc;
+}
+
 namespace {
 
 int32_t start_scan(kx_global_t *global, int32_t db, const ProtobufCMessage *key, kx_mom_cb cb,
@@ -173,8 +181,15 @@ void on_async_turn(evutil_socket_t, short, void *arg)
     }
     if (rc < 0) {
         KX_LOG(WARN, "db %d: scan of %s ended early: %d", w.db, printable(w.glob).c_str(), rc);
-        if (scan->catching_up)
-            scan->catching_up->announce = true;
+        // The catch-up is given again: at the route's next confirmation, which the scan's
+        // database coming back brings when it is not the route's own.
+        if (Route *route = scan->catching_up) {
+            route->announce = true;
+            Delivery cut{route};
+            Delivery *outer = std::exchange(w.global->mom->delivering, &cut);
+            note_unreachable(w.global, w.db, rc);
+            w.global->mom->delivering = outer;
+        }
     }
     deliver(w.global, w.cb, w.privdata, w.db, w.table, 0, nullptr, w.glob.c_str(), 1);
     auto &scans = w.global->mom->async_scans;
@@ -217,8 +232,8 @@ int32_t kx_mom_scan_sync(kx_global_t *global, int32_t db, const ProtobufCMessage
 {
     kx::ScanWork w;
     int32_t rc = kx::start_scan(global, db, key, cb, privdata, &w);
-    while (rc == 0 && (rc = kx::scan_step(w)) == 1)
-        rc = 0;
+    if (rc == 0)
+        rc = kx::run_scan(w);
     if (rc == 0)
         kx::note_input(global, {db, w.glob, w.whole_table, w.sum});
     return kx::note_unreachable(global, db, rc);

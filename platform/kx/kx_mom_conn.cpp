@@ -10,7 +10,8 @@
 // its limit, so that a server that is stopped, paused or unreachable never holds the loop.
 //
 // Once back, the database first makes the writes it kept while away, then the reconnect
-// callback runs, then its routes are restored (kx_mom_recover.cpp). A new primary named
+// callback runs, then its routes are restored (kx_mom_recover.cpp) once every other
+// database on its server has had its attempt too. A new primary named
 // by the sentinels is another server run: the reconnect reports it as a restarted server.
 #include <algorithm>
 #include <cerrno>
@@ -150,13 +151,16 @@ void reconnected(Database &d, const std::string &run_id)
     // The writes kept while it was away go first: they are older than anything a
     // callback may write from now on.
     uint64_t epoch = d.epoch;
-    if (!make_kept_writes(d))
+    if (make_kept_writes(d)) {
+        d.run_id = run_id;
+        if (d.on_reconnect)
+            d.on_reconnect(d.global, d.db, type);
+    }
+    if (d.epoch != epoch) { // lost again: its attempt is over all the same
+        release_waiting(d);
         return;
-    d.run_id = run_id;
-    if (d.on_reconnect)
-        d.on_reconnect(d.global, d.db, type);
-    if (d.epoch == epoch)
-        restore_when_siblings_tried(d);
+    }
+    restore_when_siblings_tried(d);
 }
 
 // A reconnect step has run: wait for its socket, or finish.

@@ -5,8 +5,9 @@
 // confirmed it, the route reads what it covers now and delivers only the differences,
 // as the lost notifications would have: a record new or changed as a change, a record
 // gone as a deletion (decoded from its key). Routes of databases whose connections held
-// are not touched. The first confirmation of a route reads what it covers without
-// delivering it: its caller catches up by itself on cmd 29.
+// are not touched, but for those whose deliveries read the database that came back, or
+// could not: they check what they read. The first confirmation of a route reads what it covers
+// without delivering it: its caller catches up by itself on cmd 29.
 //
 // Owed deliveries. A delivery is noted only when it went through: one whose connection
 // was lost meanwhile, or whose callback read from another database that was away, is
@@ -53,10 +54,7 @@ std::optional<uint64_t> sum_now(kx_global *global, const Input &input)
 {
     ScanWork w(global, input.db, table_of_key(input.selection), input.selection, input.glob);
     w.visit = just_read;
-    int32_t rc;
-    while ((rc = scan_step(w)) == 1)
-        ;
-    if (note_unreachable(global, input.db, rc) != 0)
+    if (note_unreachable(global, input.db, run_scan(w)) != 0)
         return std::nullopt;
     return w.sum;
 }
@@ -111,10 +109,7 @@ int32_t reconcile(Database &d, Route &route, bool deliver)
     Survey survey{route, deliver, {}, {}};
     w.visit = compare;
     w.visit_arg = &survey;
-    int32_t rc;
-    while ((rc = scan_step(w)) == 1)
-        ;
-    if (rc != 0)
+    if (int32_t rc = run_scan(w); rc != 0)
         return rc;
     std::vector<std::string> gone;
     for (const auto &[key, noted] : route.delivered)
@@ -191,17 +186,19 @@ bool deliver_to_route(Database &d, Route &route, int32_t cmd, void *data, const 
     Delivery delivery{&route};
     Delivery *outer = std::exchange(mom.delivering, &delivery);
     const uint64_t epoch = d.epoch;
+    if (cmd == KX_MOM_CMD_SUBSCRIBED)
+        route.announce = false; // due again if the callback subscribes it again
     deliver(d.global, route.cb, route.privdata, d.db, route.table, cmd, data, key.c_str(), 0);
     mom.delivering = outer;
     const bool held = d.epoch == epoch;
     // What it read of its own coverage is what its digests are about.
     std::erase_if(delivery.inputs,
                   [&](const Input &in) { return in.db == route.db && in.selection == route.key; });
-    if (cmd == KX_MOM_CMD_SUBSCRIBED && held && !delivery.owed)
-        route.caught_up = std::move(delivery.inputs);
-    if (cmd == KX_MOM_CMD_SUBSCRIBED)
-        route.announce = !held || delivery.owed;
-    else if (!held || delivery.owed)
+    if (cmd == KX_MOM_CMD_SUBSCRIBED) {
+        route.announce = route.announce || !held || delivery.owed;
+        if (!route.announce)
+            route.caught_up = std::move(delivery.inputs);
+    } else if (!held || delivery.owed)
         route.delivered[key] = {kUnsure, {}};
     else if (digest)
         route.delivered[key] = {*digest, std::move(delivery.inputs)};
@@ -325,7 +322,7 @@ bool make_kept_writes(Database &d)
             d.kept_at.erase(it->first);
     }
     if (kept > 0)
-        KX_LOG(NOTICE, "db %d: made the %zu writes kept while it was away", d.db, kept);
+        KX_LOG(NOTICE, "db %d: made the writes kept for %zu records while it was away", d.db, kept);
     return true;
 }
 

@@ -56,7 +56,8 @@ struct Input {
 
 // What a route delivered for one record: the digest of the value it was delivered
 // with, and what the callback read meanwhile. A record is delivered again when either
-// changed. Memory: the key, 8 bytes and an empty vector for most records.
+// changed. Memory: the key, 8 bytes and its inputs, none for most records (the records
+// a route first finds share what its catch-up read: a copy each).
 struct Noted {
     uint64_t digest;
     std::vector<Input> inputs;
@@ -202,8 +203,8 @@ struct Database {
     size_t changes = 0;   // what they delivered meanwhile
 };
 
-// kx_mom_scan: the same work, one step per loop turn. One started by a route's delivery
-// (a catch-up) that a lost connection ends early has that route's cmd 29 due again.
+// kx_mom_scan: the same work, one step per loop turn. One started by a route's cmd 29
+// (a catch-up) that ends early has that cmd 29 given again.
 struct AsyncScan {
     ScanWork work;
     Event turn;
@@ -237,7 +238,8 @@ int32_t run_command(Database &d, const Command &cmd, Reply *reply);
 
 // Queues (P)SUBSCRIBE for `route` unless it is pending already or the database is
 // down (the reconnect sends it); the loop writes it and settles the route when the
-// server confirms. No I/O here: a broken connection shows in the loop.
+// server confirms. No I/O here: a broken connection shows in the loop (only a want of
+// memory marks the database down at once).
 void send_subscribe(Database &d, Route &route);
 // The loop's handlers of the subscriber connection.
 void on_subscriber_readable(evutil_socket_t fd, short what, void *arg);
@@ -307,6 +309,8 @@ int32_t server_refused(int32_t db, const std::string &key, const redisReply *r);
 // are pending, else the next SCAN page. 1 while there is more to do, 0 at the end, or
 // the error.
 int32_t scan_step(ScanWork &w);
+// All the steps: 0 once the scan is done, else why it stopped.
+int32_t run_scan(ScanWork &w);
 
 // Recovery (kx_mom_recover.cpp).
 // Hands `route` one delivery (cmd 29 with no data, or a record) and notes what it

@@ -114,9 +114,12 @@ void dispatch(Database &d, std::string_view channel, const redisReply *pattern,
     std::string key(channel.substr(prefix.size()));
     const uint64_t epoch = d.epoch;
     Payload p = read_payload(d, table, key, action);
-    if (d.epoch != epoch) // it changed, but how is for the reconcile to read
+    // It changed, but how is for the reconcile to read. A record a route never had is
+    // left out: the reconcile gives it as new if it is still there, and nothing if not.
+    if (d.epoch != epoch)
         for (Route *route : routes)
-            route->delivered[key] = {kUnsure, {}};
+            if (auto had = route->delivered.find(key); had != route->delivered.end())
+                had->second = {kUnsure, {}};
     if (p.cmd == 0)
         return;
     std::optional<uint64_t> digest;
