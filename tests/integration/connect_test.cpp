@@ -27,8 +27,9 @@ std::string connect(kx_global_t *g, int32_t db, const Env &env)
     return std::to_string(rc) + " " + said;
 }
 
-// A server the sentinel names as the primary but that is a replica is not used; sentinels
-// that are missing, hang or refuse are each passed over, and named when all have failed.
+// A server the sentinel names as the primary but that is a replica is not used, nor a
+// name the sentinels do not monitor; sentinels that are missing, hang or refuse are each
+// passed over, and named when all have failed.
 TEST(Connect, SentinelsAreAskedInTurnAndNoReplicaIsTakenForThePrimary)
 {
     TempDir dir;
@@ -50,6 +51,11 @@ TEST(Connect, SentinelsAreAskedInTurnAndNoReplicaIsTakenForThePrimary)
               "-1001 kx_mom: db 28: " + named + " at 127.0.0.1:" + port +
                   ": the sentinels name it the primary of 'vek' but its role is slave: not "
                   "connected until they name the primary\n");
+    const std::string unknown = "sentinel:unix:" + sentinel + "/other";
+    EXPECT_EQ(connect(g, 27, {{"KX_MOM_ADDR_27", unknown}}),
+              "-1001 kx_mom: db 27: " + unknown +
+                  ": no sentinel named the primary of 'other': unix:" + sentinel +
+                  ": no primary named 'other'\n");
     sentinels.signal(SIGSTOP);
     const std::string none = dir / "none.sock",
                       all = "sentinel:unix:" + none + ",unix:" + sentinel + ",127.0.0.1:1/vek";

@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "kx_codec.h"
+#include "p_dev.pb-c.h"
 #include "s_frame.pb-c.h"
 
 namespace {
@@ -30,6 +31,26 @@ TEST(KxCodec, KeysRoundTripInTheirDocumentedForm)
     // A record written without an index is the one at the defaults, not the table.
     SFrame__CapFeReady ready = S_FRAME__CAP_FE_READY__INIT;
     EXPECT_EQ(kx::record_key(&ready.base), "s_frame.cap_fe_ready|0|0");
+}
+
+// A bytes field holds any bytes, NUL and high ones too, and is written back as read.
+TEST(KxCodec, BytesFieldsRoundTripExactly)
+{
+    const std::string serial = "\0\xff\x01|%="s;
+    const kx::FieldValue fields[] = {{"prod_serial", serial}};
+    std::string error;
+    kx::HashRes res(kx::decode_hash(1, "p_dev.dp_lib_my_info", &p_dev__dp_lib_my_info__descriptor,
+                                    fields, &error));
+    ASSERT_EQ(res->error_code, 0) << error;
+    const auto *info = static_cast<const PDev__DpLibMyInfo *>(res->obj);
+    EXPECT_EQ(
+        std::string(reinterpret_cast<const char *>(info->prod_serial.data), info->prod_serial.len),
+        serial);
+    const int32_t tag[] = {12};
+    kx::Write w;
+    ASSERT_EQ(kx::encode_write(&info->base, tag, 1, &w), 0);
+    ASSERT_EQ(w.fields.size(), 1u);
+    EXPECT_EQ(w.fields[0].text, serial);
 }
 
 TEST(KxCodec, MalformedKeysAndValuesAreErrorsNeverRecords)
