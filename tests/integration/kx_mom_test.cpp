@@ -96,13 +96,15 @@ TEST_F(KxMom, ScansReachWhatTheySelectAndNothingDeletedUnderThem)
 
 TEST_F(KxMom, EveryKeyspaceEventOfAnotherWriterMapsToItsDelivery)
 {
-    Lines table, one; // the whole table; one record of it and the single-record table
+    Lines table, one, other; // the whole table; one record of it and the single-record
+                             // table; another table, which none of the writes is about
     ASSERT_EQ(kx_mom_subscribe(g, 3, record("s_frame.cap_dep|").get(), 0, recorder, &table), 0);
+    ASSERT_EQ(kx_mom_subscribe(g, 3, record("p_libpub.cap_table|").get(), 0, recorder, &other), 0);
     const std::string k1 = "s_frame.cap_dep|one", k2 = "s_frame.cap_dep|two";
     for (const std::string &key : {k1, k1, std::string("p_libpub.cap_state")}) // k1 while pending
         ASSERT_EQ(kx_mom_subscribe(g, 3, record(key).get(), 0, recorder, &one), 0);
     EXPECT_TRUE(table.empty()); // confirmed from the loop only
-    ASSERT_TRUE(run_until(g, [&] { return table.size() + one.size() >= 3; }));
+    ASSERT_TRUE(run_until(g, [&] { return table.size() + one.size() + other.size() >= 4; }));
     EXPECT_EQ(table, Lines{"3:29 s_frame.cap_dep|*"});
     EXPECT_EQ(one, (Lines{"3:29 " + k1, "3:29 p_libpub.cap_state"}));
     const std::string set = "3:4 0 " + k1 + " ready=true", gone = "3:3 " + k1 + " ready=false";
@@ -138,6 +140,7 @@ TEST_F(KxMom, EveryKeyspaceEventOfAnotherWriterMapsToItsDelivery)
         EXPECT_EQ(table, want_table);
         EXPECT_EQ(one, want_one);
     }
+    EXPECT_EQ(other, Lines{"3:29 p_libpub.cap_table|*"});
 }
 
 // Per database, in order: its connection callbacks and its routes' deliveries.
