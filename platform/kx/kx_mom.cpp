@@ -186,9 +186,8 @@ void on_async_turn(evutil_socket_t, short, void *arg)
         if (Route *route = scan->catching_up) {
             route->announce = true;
             Delivery cut{route};
-            Delivery *outer = std::exchange(w.global->mom->delivering, &cut);
+            DeliveryScope scope(w.global, cut);
             note_unreachable(w.global, w.db, rc);
-            w.global->mom->delivering = outer;
         }
     }
     deliver(w.global, w.cb, w.privdata, w.db, w.table, 0, nullptr, w.glob.c_str(), 1);

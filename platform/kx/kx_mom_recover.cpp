@@ -67,9 +67,8 @@ bool inputs_hold(Database &d, Survey &s, const Noted &noted)
         auto [at, first] = s.inputs_now.try_emplace({input.db, input.selection});
         if (first) {
             Delivery checking{&s.route};
-            Delivery *outer = std::exchange(d.global->mom->delivering, &checking);
+            DeliveryScope scope(d.global, checking);
             at->second = sum_now(d.global, input);
-            d.global->mom->delivering = outer;
         }
         if (at->second && *at->second != input.sum)
             return false;
@@ -182,14 +181,14 @@ bool reads_from(const Route &route, int32_t db)
 bool deliver_to_route(Database &d, Route &route, int32_t cmd, void *data, const std::string &key,
                       std::optional<uint64_t> digest)
 {
-    mom_state &mom = *d.global->mom;
     Delivery delivery{&route};
-    Delivery *outer = std::exchange(mom.delivering, &delivery);
     const uint64_t epoch = d.epoch;
     if (cmd == KX_MOM_CMD_SUBSCRIBED)
         route.announce = false; // due again if the callback subscribes it again
-    deliver(d.global, route.cb, route.privdata, d.db, route.table, cmd, data, key.c_str(), 0);
-    mom.delivering = outer;
+    {
+        DeliveryScope scope(d.global, delivery);
+        deliver(d.global, route.cb, route.privdata, d.db, route.table, cmd, data, key.c_str(), 0);
+    }
     const bool held = d.epoch == epoch;
     // What it read of its own coverage is what its digests are about.
     std::erase_if(delivery.inputs,

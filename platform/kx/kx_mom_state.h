@@ -30,6 +30,7 @@
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include <event2/event.h>
@@ -221,6 +222,23 @@ struct kx::mom_state {
 };
 
 namespace kx {
+
+// For its scope `delivery` is the one under way: what is read meanwhile, or found out of
+// reach, is noted with it (note_input, note_unreachable).
+class DeliveryScope {
+public:
+    DeliveryScope(kx_global *global, Delivery &delivery)
+        : mom_(*global->mom), outer_(std::exchange(mom_.delivering, &delivery))
+    {
+    }
+    ~DeliveryScope() { mom_.delivering = outer_; }
+    DeliveryScope(const DeliveryScope &) = delete;
+    DeliveryScope &operator=(const DeliveryScope &) = delete;
+
+private:
+    mom_state &mom_;
+    Delivery *outer_;
+};
 
 // The database entry of `db`, created on first use; nullptr for a bad handle or db.
 Database *database(kx_global *global, int32_t db);
